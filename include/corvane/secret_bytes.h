@@ -62,7 +62,9 @@ class SecretBytes {
     return {reinterpret_cast<const char*>(data_.data()), data_.size()};
   }
 
-  void append(std::span<const uint8_t> bytes) { data_.insert(data_.end(), bytes.begin(), bytes.end()); }
+  void append(std::span<const uint8_t> bytes) {
+    data_.insert(data_.end(), bytes.begin(), bytes.end());
+  }
   void resize(size_t size) {
     if (size < data_.size()) secureWipe(data_.data() + size, data_.size() - size);
     data_.resize(size);
@@ -75,7 +77,8 @@ class SecretBytes {
 
   // Sizes are not secret; contents are compared in constant time.
   friend bool operator==(const SecretBytes& a, const SecretBytes& b) {
-    return a.size() == b.size() && internal::constantTimeEqual(a.data_.data(), b.data_.data(), a.size());
+    return a.size() == b.size() &&
+           internal::constantTimeEqual(a.data_.data(), b.data_.data(), a.size());
   }
 
   // GoogleTest printer: shows the size only.
