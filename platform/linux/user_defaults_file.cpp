@@ -1,0 +1,227 @@
+#include "linux/user_defaults_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <vector>
+
+#include "corvane/status_codes.h"
+
+namespace corvane::linux {
+
+namespace {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::json;
+
+// Flags are small; anything larger is not a file this class wrote.
+constexpr size_t kMaxFileSize = 4 * 1024 * 1024;
+
+Error ioError(const std::string& what, const fs::path& path, int err) {
+  return Error::corvane(code(CorvaneStatusCode::UNKNOWN),
+                        what + " " + path.string() + ": " + std::strerror(err));
+}
+
+// Creates every missing folder of `folder` with mode 0700; existing folders are left as they are.
+bool createFolders(const fs::path& folder, Error* error) {
+  fs::path prefix;
+  for (const fs::path& part : folder) {
+    prefix /= part;
+    struct stat info {};
+    if (::stat(prefix.c_str(), &info) == 0) {
+      if (!S_ISDIR(info.st_mode)) {
+        setError(error, ioError("not a folder:", prefix, ENOTDIR));
+        return false;
+      }
+      continue;
+    }
+    if (::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
+      setError(error, ioError("cannot create folder", prefix, errno));
+      return false;
+    }
+    ::chmod(prefix.c_str(), 0700);  // in case the umask took bits away
+  }
+  return true;
+}
+
+enum class ReadResult { Missing, Read, Unreadable };
+
+ReadResult readSmallFile(const fs::path& path, std::string& out) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? ReadResult::Missing : ReadResult::Unreadable;
+  char buffer[8192];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 || out.size() + static_cast<size_t>(std::max<ssize_t>(n, 0)) > kMaxFileSize) {
+      ::close(fd);
+      return ReadResult::Unreadable;
+    }
+    if (n == 0) break;
+    out.append(buffer, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return ReadResult::Read;
+}
+
+bool writeAll(int fd, std::string_view data) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+}  // namespace
+
+struct UserDefaultsFile::State {
+  mutable std::mutex mutex;
+  Json values = Json::object();
+  bool dirty = false;
+  bool corrupt = false;
+};
+
+UserDefaultsFile::UserDefaultsFile(fs::path path, std::unique_ptr<State> state)
+    : path_(std::move(path)), state_(std::move(state)) {}
+
+UserDefaultsFile::~UserDefaultsFile() {
+  std::lock_guard lock(state_->mutex);
+  if (state_->dirty) writeLocked(nullptr);
+}
+
+std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, Error* error) {
+  if (path.filename().empty()) {
+    setError(error, Error::corvane(code(CorvaneStatusCode::UNKNOWN),
+                                   "user defaults path has no file name: " + path.string()));
+    return nullptr;
+  }
+  if (path.has_parent_path() && !createFolders(path.parent_path(), error)) return nullptr;
+
+  auto state = std::make_unique<State>();
+  std::string text;
+  switch (readSmallFile(path, text)) {
+    case ReadResult::Missing:
+      break;
+    case ReadResult::Unreadable:
+      state->corrupt = true;
+      break;
+    case ReadResult::Read: {
+      Json parsed;
+      try {
+        parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+      } catch (...) {
+        parsed = Json::value_t::discarded;
+      }
+      if (!parsed.is_object()) {
+        state->corrupt = true;
+        break;
+      }
+      // Only scalar members are kept: the flags are booleans and texts.
+      for (auto& [key, value] : parsed.items()) {
+        if (value.is_primitive()) state->values[key] = std::move(value);
+      }
+      break;
+    }
+  }
+  return std::unique_ptr<UserDefaultsFile>(new UserDefaultsFile(path, std::move(state)));
+}
+
+bool UserDefaultsFile::getBool(std::string_view key) const {
+  std::lock_guard lock(state_->mutex);
+  auto it = state_->values.find(std::string(key));
+  return it != state_->values.end() && it->is_boolean() && it->get<bool>();
+}
+
+void UserDefaultsFile::setBool(std::string_view key, bool value) {
+  std::lock_guard lock(state_->mutex);
+  Json& slot = state_->values[std::string(key)];
+  if (slot.is_boolean() && slot.get<bool>() == value) return;
+  slot = value;
+  state_->dirty = true;
+}
+
+std::optional<std::string> UserDefaultsFile::getString(std::string_view key) const {
+  std::lock_guard lock(state_->mutex);
+  auto it = state_->values.find(std::string(key));
+  if (it == state_->values.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+
+void UserDefaultsFile::setString(std::string_view key, std::string_view value) {
+  std::lock_guard lock(state_->mutex);
+  Json& slot = state_->values[std::string(key)];
+  if (slot.is_string() && slot.get_ref<const std::string&>() == value) return;
+  slot = std::string(value);
+  state_->dirty = true;
+}
+
+void UserDefaultsFile::remove(std::string_view key) {
+  std::lock_guard lock(state_->mutex);
+  if (state_->values.erase(std::string(key)) > 0) state_->dirty = true;
+}
+
+bool UserDefaultsFile::synchronize(Error* error) {
+  std::lock_guard lock(state_->mutex);
+  if (!state_->dirty) return true;
+  return writeLocked(error);
+}
+
+bool UserDefaultsFile::wasCorrupt() const {
+  std::lock_guard lock(state_->mutex);
+  return state_->corrupt;
+}
+
+bool UserDefaultsFile::writeLocked(Error* error) {
+  std::string text;
+  try {
+    // Invalid UTF-8 in a stored text is written as U+FFFD rather than failing the whole file.
+    text = state_->values.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  } catch (...) {
+    setError(error,
+             Error::corvane(code(CorvaneStatusCode::UNKNOWN), "cannot encode user defaults"));
+    return false;
+  }
+
+  fs::path folder = path_.has_parent_path() ? path_.parent_path() : fs::path(".");
+  std::string tempName = (folder / ("." + path_.filename().string() + ".tmp-XXXXXX")).string();
+  std::vector<char> temp(tempName.begin(), tempName.end());
+  temp.push_back('\0');
+  int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+  if (fd < 0) {
+    setError(error, ioError("cannot create temporary file in", folder, errno));
+    return false;
+  }
+  auto fail = [&](const char* what, int err) {
+    ::unlink(temp.data());
+    setError(error, ioError(what, path_, err));
+    return false;
+  };
+  if (::fchmod(fd, 0600) != 0 || !writeAll(fd, text) || ::fsync(fd) != 0) {
+    int err = errno;
+    ::close(fd);
+    return fail("cannot write", err);
+  }
+  if (::close(fd) != 0) return fail("cannot write", errno);
+  if (::rename(temp.data(), path_.c_str()) != 0) return fail("cannot replace", errno);
+
+  // Make the rename itself durable.
+  int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd >= 0) {
+    ::fsync(dirFd);
+    ::close(dirFd);
+  }
+  state_->dirty = false;
+  state_->corrupt = false;
+  return true;
+}
+
+}  // namespace corvane::linux

@@ -1,0 +1,56 @@
+// The Linux UserDefaults: one JSON object in a file, e.g. <data dir>/defaults.json.
+//
+// Values are read once when the file is opened and kept in memory; set and remove change memory
+// and synchronize() replaces the file atomically (write a temporary file in the same folder,
+// fsync, rename over the old one, fsync the folder), so a crash leaves either the old or the new
+// file, never a mix. The file is created 0600; missing folders are created 0700.
+//
+// A file that cannot be read as a JSON object (corrupt, truncated, too large) reads as empty and is
+// left untouched on disk until the next successful synchronize() with changes replaces it.
+// Pending changes are also written, best effort, when the object is destroyed.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "corvane/error.h"
+#include "corvane/platform.h"
+
+namespace corvane::linux {
+
+class UserDefaultsFile final : public UserDefaults {
+ public:
+  // Opens (without creating) the file at `path`, creating its missing folders with mode 0700.
+  // Null and the error when a folder cannot be created.
+  static std::unique_ptr<UserDefaultsFile> open(const std::filesystem::path& path, Error* error);
+  ~UserDefaultsFile() override;
+
+  UserDefaultsFile(const UserDefaultsFile&) = delete;
+  UserDefaultsFile& operator=(const UserDefaultsFile&) = delete;
+
+  bool getBool(std::string_view key) const override;
+  void setBool(std::string_view key, bool value) override;
+  std::optional<std::string> getString(std::string_view key) const override;
+  void setString(std::string_view key, std::string_view value) override;
+  void remove(std::string_view key) override;
+  // True without touching the file when nothing changed since the last successful write.
+  bool synchronize(Error* error) override;
+
+  const std::filesystem::path& path() const { return path_; }
+  // True when the file existed at opening but could not be read as a JSON object, until the next
+  // successful write.
+  bool wasCorrupt() const;
+
+ private:
+  struct State;
+  UserDefaultsFile(std::filesystem::path path, std::unique_ptr<State> state);
+  bool writeLocked(Error* error);
+
+  std::filesystem::path path_;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace corvane::linux
