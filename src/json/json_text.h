@@ -1,0 +1,33 @@
+// Parsing and writing JSON text without exceptions. The parser builds the value in one pass and
+// refuses nesting deeper than a fixed bound, because several nlohmann operations (dump, copy,
+// comparison) recurse once per level.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+#include "corvane/error.h"
+
+namespace corvane::jsonmodel {
+
+// Deepest nesting of arrays and objects that parseJson accepts.
+inline constexpr size_t kMaxNestingDepth = 512;
+
+// The parsed value, or absent with an error of "JSONModelErrorDomain" (code kBadJSON) whose
+// description is the parser's own text (printable ASCII only, at most 256 characters, since it
+// quotes the offending input), or a note that the nesting is too deep. Any JSON value
+// is accepted at the top level. Invalid UTF-8, numbers that overflow a double and trailing
+// garbage are parse errors.
+std::optional<nlohmann::json> parseJson(std::string_view text, Error* error,
+                                        size_t maxDepth = kMaxNestingDepth);
+
+// Compact JSON text, UTF-8, keys in the value's own order; bytes that are not valid UTF-8 inside
+// strings are written as U+FFFD instead of failing.
+std::string dumpJson(const nlohmann::json& value);
+std::string dumpJson(const nlohmann::ordered_json& value);
+
+}  // namespace corvane::jsonmodel
