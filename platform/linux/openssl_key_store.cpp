@@ -1,0 +1,431 @@
+#include "linux/openssl_key_store.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "linux/private_paths.h"
+
+namespace corvane::linux {
+
+namespace {
+
+constexpr size_t kStoreKeySize = 32;
+constexpr size_t kNonceSize = 12;
+constexpr size_t kGcmTagSize = 16;
+constexpr uint8_t kRecordVersion = 1;
+constexpr uint8_t kHasLabel = 1;
+constexpr uint8_t kHasApplicationLabel = 2;
+constexpr uint8_t kHasAccessGroup = 4;
+// The first bytes of every record's associated data, so that a sealed key cannot be mistaken for
+// any other AES-GCM message made under the same key.
+constexpr std::string_view kAadContext = "corvane.keystore.v1";
+// A private key's SEC1 DER is about 121 bytes; anything far bigger is not a key of ours.
+constexpr size_t kMaxPrivateKeyDer = 512;
+
+struct PkeyDeleter {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct MdCtxDeleter {
+  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+};
+struct CipherCtxDeleter {
+  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
+using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
+using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
+
+// A file descriptor closed at scope end.
+class Fd {
+ public:
+  explicit Fd(int fd) : fd_(fd) {}
+  ~Fd() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Fd(const Fd&) = delete;
+  Fd& operator=(const Fd&) = delete;
+  int get() const { return fd_; }
+  bool closeNow() {
+    const int fd = fd_;
+    fd_ = -1;
+    return ::close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+void appendU32(std::vector<uint8_t>& out, size_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+void appendField(std::vector<uint8_t>& out, std::span<const uint8_t> bytes) {
+  appendU32(out, bytes.size());
+  out.insert(out.end(), bytes.begin(), bytes.end());
+}
+
+std::span<const uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+// Clear header of a record: version, presence flags, then each present attribute with its length.
+std::vector<uint8_t> encodeHeader(const KeyAttributes& attributes) {
+  std::vector<uint8_t> header{kRecordVersion, 0};
+  if (attributes.label) {
+    header[1] |= kHasLabel;
+    appendField(header, *attributes.label);
+  }
+  if (attributes.applicationLabel) {
+    header[1] |= kHasApplicationLabel;
+    appendField(header, *attributes.applicationLabel);
+  }
+  if (attributes.accessGroup) {
+    header[1] |= kHasAccessGroup;
+    appendField(header, bytesOf(*attributes.accessGroup));
+  }
+  return header;
+}
+
+struct ParsedRecord {
+  KeyAttributes attributes;
+  std::span<const uint8_t> header;  // the bytes the attributes were read from
+  std::span<const uint8_t> sealed;  // nonce, ciphertext, GCM tag
+};
+
+// Reads a record's clear part; absent when it is malformed. Nothing here is trusted until the
+// sealed part opens with the header as associated data.
+std::optional<ParsedRecord> parseRecord(std::span<const uint8_t> record) {
+  if (record.size() < 2 || record[0] != kRecordVersion) return std::nullopt;
+  const uint8_t flags = record[1];
+  if ((flags & ~(kHasLabel | kHasApplicationLabel | kHasAccessGroup)) != 0) return std::nullopt;
+  size_t offset = 2;
+  auto readField = [&](std::vector<uint8_t>& out) {
+    if (record.size() - offset < 4) return false;
+    size_t length = 0;
+    for (int i = 0; i < 4; ++i) length = (length << 8) | record[offset + i];
+    offset += 4;
+    if (record.size() - offset < length) return false;
+    out.assign(record.begin() + offset, record.begin() + offset + length);
+    offset += length;
+    return true;
+  };
+  ParsedRecord parsed;
+  if (flags & kHasLabel) {
+    if (!readField(parsed.attributes.label.emplace())) return std::nullopt;
+  }
+  if (flags & kHasApplicationLabel) {
+    if (!readField(parsed.attributes.applicationLabel.emplace())) return std::nullopt;
+  }
+  if (flags & kHasAccessGroup) {
+    std::vector<uint8_t> group;
+    if (!readField(group)) return std::nullopt;
+    parsed.attributes.accessGroup.emplace(group.begin(), group.end());
+  }
+  if (record.size() - offset < kNonceSize + kGcmTagSize) return std::nullopt;
+  parsed.header = record.first(offset);
+  parsed.sealed = record.subspan(offset);
+  return parsed;
+}
+
+std::vector<uint8_t> associatedData(std::string_view tag, std::span<const uint8_t> header) {
+  std::vector<uint8_t> aad(kAadContext.begin(), kAadContext.end());
+  appendField(aad, bytesOf(tag));
+  aad.insert(aad.end(), header.begin(), header.end());
+  return aad;
+}
+
+bool fitsInt(size_t size) {
+  return size <= 0x7fffffff;
+}
+
+// nonce || ciphertext || tag of `plain` under `key`.
+std::optional<std::vector<uint8_t>> sealBytes(const SecretBytes& key, std::span<const uint8_t> aad,
+                                              const SecretBytes& plain) {
+  if (key.size() != kStoreKeySize || !fitsInt(aad.size()) || !fitsInt(plain.size())) {
+    return std::nullopt;
+  }
+  std::vector<uint8_t> out(kNonceSize + plain.size() + kGcmTagSize);
+  if (RAND_bytes(out.data(), static_cast<int>(kNonceSize)) != 1) return std::nullopt;
+  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+  int length = 0;
+  int finalLength = 0;
+  if (!ctx ||
+      EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
+                         out.data()) != 1 ||
+      EVP_EncryptUpdate(ctx.get(), nullptr, &length, aad.data(), static_cast<int>(aad.size())) !=
+          1 ||
+      EVP_EncryptUpdate(ctx.get(), out.data() + kNonceSize, &length, plain.exposeSecret().data(),
+                        static_cast<int>(plain.size())) != 1 ||
+      EVP_EncryptFinal_ex(ctx.get(), out.data() + kNonceSize + length, &finalLength) != 1 ||
+      static_cast<size_t>(length + finalLength) != plain.size() ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kGcmTagSize),
+                          out.data() + kNonceSize + plain.size()) != 1) {
+    return std::nullopt;
+  }
+  return out;
+}
+
+std::optional<SecretBytes> openBytes(const SecretBytes& key, std::span<const uint8_t> aad,
+                                     std::span<const uint8_t> sealed) {
+  if (key.size() != kStoreKeySize || sealed.size() < kNonceSize + kGcmTagSize ||
+      !fitsInt(aad.size()) || !fitsInt(sealed.size())) {
+    return std::nullopt;
+  }
+  const size_t cipherSize = sealed.size() - kNonceSize - kGcmTagSize;
+  if (cipherSize > kMaxPrivateKeyDer) return std::nullopt;
+  // The tag is handed to OpenSSL through a non-const pointer; copy it out of the record.
+  uint8_t tag[kGcmTagSize];
+  std::memcpy(tag, sealed.data() + kNonceSize + cipherSize, kGcmTagSize);
+  SecretBytes plain(cipherSize);
+  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+  int length = 0;
+  int finalLength = 0;
+  if (!ctx ||
+      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
+                         sealed.data()) != 1 ||
+      EVP_DecryptUpdate(ctx.get(), nullptr, &length, aad.data(), static_cast<int>(aad.size())) !=
+          1 ||
+      EVP_DecryptUpdate(ctx.get(), plain.mutableSecret().data(), &length,
+                        sealed.data() + kNonceSize, static_cast<int>(cipherSize)) != 1 ||
+      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kGcmTagSize), tag) !=
+          1 ||
+      EVP_DecryptFinal_ex(ctx.get(), plain.mutableSecret().data() + length, &finalLength) != 1 ||
+      static_cast<size_t>(length + finalLength) != cipherSize) {
+    return std::nullopt;
+  }
+  return plain;
+}
+
+// The SEC1 DER of a private key, copied into wiped storage.
+std::optional<SecretBytes> privateKeyDer(EVP_PKEY* key) {
+  unsigned char* der = nullptr;
+  const int length = i2d_PrivateKey(key, &der);
+  if (length <= 0 || der == nullptr) return std::nullopt;
+  SecretBytes out(std::span<const uint8_t>(der, static_cast<size_t>(length)));
+  OPENSSL_clear_free(der, static_cast<size_t>(length));
+  return out;
+}
+
+// A P-256 private key from its SEC1 DER; null for anything else.
+PkeyPtr privateKeyFromDer(const SecretBytes& der) {
+  if (der.empty() || !fitsInt(der.size())) return nullptr;
+  const unsigned char* cursor = der.exposeSecret().data();
+  PkeyPtr key(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &cursor, static_cast<long>(der.size())));
+  if (!key || cursor != der.exposeSecret().data() + der.size()) return nullptr;
+  char group[32] = {};
+  size_t groupLength = 0;
+  if (EVP_PKEY_get_group_name(key.get(), group, sizeof group, &groupLength) != 1 ||
+      std::string_view(group, groupLength) != "prime256v1") {
+    return nullptr;
+  }
+  return key;
+}
+
+std::optional<std::vector<uint8_t>> publicKeyInfo(EVP_PKEY* key) {
+  unsigned char* der = nullptr;
+  const int length = i2d_PUBKEY(key, &der);
+  if (length <= 0 || der == nullptr) return std::nullopt;
+  std::vector<uint8_t> out(der, der + length);
+  OPENSSL_free(der);
+  if (out.size() != kP256SpkiSize ||
+      !std::equal(std::begin(kP256SpkiPrefix), std::end(kP256SpkiPrefix), out.begin()) ||
+      out[sizeof kP256SpkiPrefix] != 0x04) {
+    return std::nullopt;
+  }
+  return out;
+}
+
+ItemAttributes itemFor(std::string_view tag) {
+  ItemAttributes item;
+  item.account = std::string(tag);
+  item.service = std::string(OpenSslKeyStore::kService);
+  item.label =
+      std::vector<uint8_t>(OpenSslKeyStore::kItemLabel.begin(), OpenSslKeyStore::kItemLabel.end());
+  return item;
+}
+
+bool readExactly(int fd, uint8_t* out, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::read(fd, out, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    out += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+bool writeAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+enum class KeyFileRead { ok, missing, bad };
+
+// Reads the store key, refusing anything but a regular file of this user, closed to group and
+// others, of exactly 32 bytes. A bad file is reported, never replaced: the keys sealed under it
+// would be lost.
+KeyFileRead readKeyFile(const std::filesystem::path& file, SecretBytes& key) {
+  Fd fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.get() < 0) return errno == ENOENT ? KeyFileRead::missing : KeyFileRead::bad;
+  struct stat st {};
+  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != ::geteuid() ||
+      (st.st_mode & 077) != 0 || st.st_size != static_cast<off_t>(kStoreKeySize)) {
+    return KeyFileRead::bad;
+  }
+  SecretBytes bytes(kStoreKeySize);
+  if (!readExactly(fd.get(), bytes.mutableSecret().data(), kStoreKeySize)) return KeyFileRead::bad;
+  key = std::move(bytes);
+  return KeyFileRead::ok;
+}
+
+// Writes a fresh key to a private temporary file and links it into place. link() fails when the
+// name exists, so of two processes starting at once exactly one key wins and both use it; the key
+// file is never seen half-written.
+bool createKeyFile(const std::filesystem::path& file) {
+  std::string temp = file.string() + ".XXXXXX";
+  Fd fd(::mkostemp(temp.data(), O_CLOEXEC));
+  if (fd.get() < 0) return false;
+  SecretBytes key(kStoreKeySize);
+  const bool written =
+      ::fchmod(fd.get(), 0600) == 0 &&
+      RAND_bytes(key.mutableSecret().data(), static_cast<int>(kStoreKeySize)) == 1 &&
+      writeAll(fd.get(), key.exposeSecret().data(), kStoreKeySize) && ::fsync(fd.get()) == 0 &&
+      fd.closeNow();
+  const bool linked = written && (::link(temp.c_str(), file.c_str()) == 0 || errno == EEXIST);
+  ::unlink(temp.c_str());
+  if (!linked) return false;
+  Fd folder(::open(file.parent_path().empty() ? "." : file.parent_path().c_str(),
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return folder.get() >= 0 && ::fsync(folder.get()) == 0;
+}
+
+}  // namespace
+
+OpenSslKeyStore::OpenSslKeyStore(std::shared_ptr<ItemStore> items, std::filesystem::path keyFile)
+    : items_(std::move(items)), keyFile_(std::move(keyFile)) {}
+
+OpenSslKeyStore::~OpenSslKeyStore() = default;
+
+bool OpenSslKeyStore::loadStoreKey() {
+  if (storeKey_.size() == kStoreKeySize) return true;
+  if (!makePrivateDirectory(keyFile_.parent_path().empty() ? "." : keyFile_.parent_path(),
+                            nullptr)) {
+    return false;
+  }
+  KeyFileRead read = readKeyFile(keyFile_, storeKey_);
+  if (read == KeyFileRead::missing) {
+    if (!createKeyFile(keyFile_)) return false;
+    read = readKeyFile(keyFile_, storeKey_);
+  }
+  return read == KeyFileRead::ok;
+}
+
+StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes& attributes,
+                                      std::vector<uint8_t>* publicKey) {
+  if (!items_ || !loadStoreKey()) return StoreStatus::storeError;
+  PkeyPtr key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
+  if (!key) return StoreStatus::storeError;
+  std::optional<std::vector<uint8_t>> spki = publicKeyInfo(key.get());
+  std::optional<SecretBytes> der = privateKeyDer(key.get());
+  if (!spki || !der) return StoreStatus::storeError;
+
+  const std::vector<uint8_t> header = encodeHeader(attributes);
+  std::optional<std::vector<uint8_t>> sealed =
+      sealBytes(storeKey_, associatedData(tag, header), *der);
+  if (!sealed) return StoreStatus::storeError;
+  SecretBytes record(header);
+  record.append(*sealed);
+
+  const StoreStatus status = items_->upsert(itemFor(tag), record);
+  if (status != StoreStatus::ok) return status;
+  if (publicKey != nullptr) *publicKey = std::move(*spki);
+  return StoreStatus::ok;
+}
+
+StoreStatus OpenSslKeyStore::sign(std::string_view tag, std::span<const uint8_t> message,
+                                  std::vector<uint8_t>* signature) {
+  if (!items_) return StoreStatus::storeError;
+  SecretBytes record;
+  const StoreStatus found = items_->findFirst(itemFor(tag).asQuery(), &record);
+  if (found != StoreStatus::ok) return found;
+  if (!loadStoreKey()) return StoreStatus::storeError;
+  std::optional<ParsedRecord> parsed = parseRecord(record.exposeSecret());
+  if (!parsed) return StoreStatus::storeError;
+  std::optional<SecretBytes> der =
+      openBytes(storeKey_, associatedData(tag, parsed->header), parsed->sealed);
+  if (!der) return StoreStatus::storeError;
+  PkeyPtr key = privateKeyFromDer(*der);
+  der->clear();
+  if (!key) return StoreStatus::storeError;
+
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  size_t length = 0;
+  if (!ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
+      EVP_DigestSign(ctx.get(), nullptr, &length, message.data(), message.size()) != 1) {
+    return StoreStatus::storeError;
+  }
+  std::vector<uint8_t> out(length);
+  if (EVP_DigestSign(ctx.get(), out.data(), &length, message.data(), message.size()) != 1) {
+    return StoreStatus::storeError;
+  }
+  out.resize(length);
+  if (signature != nullptr) *signature = std::move(out);
+  return StoreStatus::ok;
+}
+
+StoreStatus OpenSslKeyStore::remove(const KeyQuery& query) {
+  if (!items_) return StoreStatus::storeError;
+  const bool byTagOnly = query.tag && !query.label && !query.applicationLabel && !query.accessGroup;
+  if (byTagOnly) return items_->remove(itemFor(*query.tag).asQuery());
+
+  ItemQuery all = itemFor("").asQuery();
+  all.account.reset();
+  std::vector<std::string> tags;
+  const StoreStatus listed = items_->listAccounts(all, &tags);
+  if (listed != StoreStatus::ok) return listed;
+
+  bool removedAny = false;
+  for (const std::string& tag : tags) {
+    if (query.tag && *query.tag != tag) continue;
+    const ItemQuery item = itemFor(tag).asQuery();
+    SecretBytes record;
+    const StoreStatus found = items_->findFirst(item, &record);
+    if (found == StoreStatus::notFound) continue;
+    if (found != StoreStatus::ok) return StoreStatus::storeError;
+    // Attribute filters read the clear header; a record too damaged to read has no attributes.
+    std::optional<ParsedRecord> parsed = parseRecord(record.exposeSecret());
+    const KeyAttributes* attributes = parsed ? &parsed->attributes : nullptr;
+    auto matches = [attributes](const auto& wanted, auto member) {
+      return !wanted || (attributes != nullptr && attributes->*member == wanted);
+    };
+    if (!matches(query.label, &KeyAttributes::label) ||
+        !matches(query.applicationLabel, &KeyAttributes::applicationLabel) ||
+        !matches(query.accessGroup, &KeyAttributes::accessGroup)) {
+      continue;
+    }
+    const StoreStatus removed = items_->remove(item);
+    if (removed == StoreStatus::storeError) return StoreStatus::storeError;
+    removedAny = removedAny || removed == StoreStatus::ok;
+  }
+  return removedAny ? StoreStatus::ok : StoreStatus::notFound;
+}
+
+}  // namespace corvane::linux

@@ -1,0 +1,462 @@
+#include "linux/sqlite_item_store.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "linux/private_paths.h"
+
+namespace corvane::linux {
+
+namespace {
+
+constexpr int kSchemaVersion = 1;
+
+// Absent attributes are stored as NULL. SQLite treats NULLs as distinct in a UNIQUE index, so the
+// identity index keys each attribute by the pair (is absent, value or ''), which keeps an absent
+// attribute and an empty one apart and makes two absent ones equal.
+constexpr const char* kSchema[] = {
+    "CREATE TABLE items("
+    " seq INTEGER PRIMARY KEY,"
+    " account TEXT, service TEXT, generic TEXT, label BLOB, access_group TEXT, accessible TEXT,"
+    " created INTEGER NOT NULL,"
+    " value BLOB NOT NULL)",
+    "CREATE UNIQUE INDEX items_identity ON items("
+    " account IS NULL, ifnull(account, ''), service IS NULL, ifnull(service, ''),"
+    " access_group IS NULL, ifnull(access_group, ''))",
+    "CREATE INDEX items_by_service ON items(service, account, generic)",
+    "CREATE INDEX items_by_account ON items(account, generic)",
+    "CREATE INDEX items_by_label ON items(label, access_group)",
+};
+
+// Parameter numbers, fixed per attribute so that one binder serves every statement shape.
+enum Param {
+  kAccount = 1,
+  kService = 2,
+  kGeneric = 3,
+  kLabel = 4,
+  kAccessGroup = 5,
+  kValue = 6,
+  kAccessible = 7,
+  kCreated = 8,
+};
+
+constexpr unsigned kHasAccount = 1;
+constexpr unsigned kHasService = 2;
+constexpr unsigned kHasGeneric = 4;
+constexpr unsigned kHasLabel = 8;
+constexpr unsigned kHasAccessGroup = 16;
+constexpr size_t kShapes = 32;
+
+unsigned shapeOf(const ItemQuery& query) {
+  return (query.account ? kHasAccount : 0) | (query.service ? kHasService : 0) |
+         (query.generic ? kHasGeneric : 0) | (query.label ? kHasLabel : 0) |
+         (query.accessGroup ? kHasAccessGroup : 0);
+}
+
+// The WHERE condition for a query shape. When an account or a service is given, its index is the
+// selective one (every item of the library carries the same label), so the label and access group
+// are written as "+column", which keeps SQLite from choosing the label index instead.
+std::string whereClause(unsigned shape) {
+  const bool keyed = (shape & (kHasAccount | kHasService)) != 0;
+  const char* labelColumn = keyed ? "+label" : "label";
+  const char* groupColumn = keyed ? "+access_group" : "access_group";
+  std::string where;
+  auto term = [&where](std::string_view text) {
+    where += where.empty() ? " WHERE " : " AND ";
+    where += text;
+  };
+  if (shape & kHasAccount) term("account = ?1");
+  if (shape & kHasService) term("service = ?2");
+  if (shape & kHasGeneric) term("generic = ?3");
+  if (shape & kHasLabel) term(std::string(labelColumn) + " = ?4");
+  if (shape & kHasAccessGroup) term(std::string(groupColumn) + " = ?5");
+  return where;
+}
+
+std::string statementText(SqliteItemStore::Operation operation, unsigned shape) {
+  const std::string where = whereClause(shape);
+  switch (operation) {
+    case SqliteItemStore::Operation::findFirst:
+      return "SELECT value FROM items" + where + " ORDER BY seq LIMIT 1";
+    case SqliteItemStore::Operation::listServices:
+      return "SELECT service FROM items" + where + (where.empty() ? " WHERE " : " AND ") +
+             "service IS NOT NULL ORDER BY created DESC, seq DESC";
+    case SqliteItemStore::Operation::listAccounts:
+      return "SELECT account FROM items" + where + (where.empty() ? " WHERE " : " AND ") +
+             "account IS NOT NULL ORDER BY created DESC, seq DESC";
+    case SqliteItemStore::Operation::update:
+      return "UPDATE items SET value = ?6" + where;
+    case SqliteItemStore::Operation::remove:
+      return "DELETE FROM items" + where;
+  }
+  return {};
+}
+
+constexpr size_t kOperations = 5;
+
+struct StatementDeleter {
+  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
+
+struct DatabaseDeleter {
+  void operator()(sqlite3* db) const { sqlite3_close_v2(db); }
+};
+using DatabasePtr = std::unique_ptr<sqlite3, DatabaseDeleter>;
+
+// Resets a statement and drops its bindings when the call using it ends, so that no bound secret
+// stays referenced and the statement holds no read transaction open.
+class StatementUse {
+ public:
+  explicit StatementUse(sqlite3_stmt* statement) : statement_(statement) {}
+  ~StatementUse() {
+    if (statement_ != nullptr) {
+      sqlite3_reset(statement_);
+      sqlite3_clear_bindings(statement_);
+    }
+  }
+  StatementUse(const StatementUse&) = delete;
+  StatementUse& operator=(const StatementUse&) = delete;
+  sqlite3_stmt* get() const { return statement_; }
+
+ private:
+  sqlite3_stmt* statement_;
+};
+
+bool bindText(sqlite3_stmt* statement, int index, const std::optional<std::string>& text) {
+  if (!text) return sqlite3_bind_null(statement, index) == SQLITE_OK;
+  return sqlite3_bind_text64(statement, index, text->data(), text->size(), SQLITE_STATIC,
+                             SQLITE_UTF8) == SQLITE_OK;
+}
+
+bool bindBlob(sqlite3_stmt* statement, int index, std::span<const uint8_t> bytes) {
+  // A null pointer would bind NULL; an empty value is a zero-length blob.
+  if (bytes.empty()) return sqlite3_bind_zeroblob(statement, index, 0) == SQLITE_OK;
+  return sqlite3_bind_blob64(statement, index, bytes.data(), bytes.size(), SQLITE_STATIC) ==
+         SQLITE_OK;
+}
+
+// Binds the attributes the query has; the statement was prepared for exactly this shape.
+bool bindQuery(sqlite3_stmt* statement, const ItemQuery& query) {
+  return (!query.account || bindText(statement, kAccount, query.account)) &&
+         (!query.service || bindText(statement, kService, query.service)) &&
+         (!query.generic || bindText(statement, kGeneric, query.generic)) &&
+         (!query.label || bindBlob(statement, kLabel, *query.label)) &&
+         (!query.accessGroup || bindText(statement, kAccessGroup, query.accessGroup));
+}
+
+StoreStatus statusOf(int rc) {
+  if (rc == SQLITE_OK || rc == SQLITE_DONE || rc == SQLITE_ROW) return StoreStatus::ok;
+  if ((rc & 0xff) == SQLITE_CONSTRAINT) return StoreStatus::duplicate;
+  return StoreStatus::storeError;
+}
+
+int64_t wallClockMicroseconds() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::string columnText(sqlite3_stmt* statement, int column) {
+  const unsigned char* text = sqlite3_column_text(statement, column);
+  const int size = sqlite3_column_bytes(statement, column);
+  if (text == nullptr || size <= 0) return {};
+  return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
+}
+
+}  // namespace
+
+struct SqliteItemStore::Impl {
+  std::filesystem::path path;
+  Options options;
+  DatabasePtr db;
+  StatementPtr insert;
+  StatementPtr begin;
+  StatementPtr commit;
+  StatementPtr rollback;
+  std::array<std::array<StatementPtr, kShapes>, kOperations> statements;
+
+  int exec(const char* sql) { return sqlite3_exec(db.get(), sql, nullptr, nullptr, nullptr); }
+
+  StatementPtr prepare(const std::string& sql) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v3(db.get(), sql.c_str(), static_cast<int>(sql.size()),
+                           SQLITE_PREPARE_PERSISTENT, &statement, nullptr) != SQLITE_OK) {
+      sqlite3_finalize(statement);
+      return nullptr;
+    }
+    return StatementPtr(statement);
+  }
+
+  // The cached statement for an operation and query shape, prepared on first use.
+  sqlite3_stmt* statementFor(Operation operation, unsigned shape) {
+    StatementPtr& slot = statements[static_cast<size_t>(operation)][shape];
+    if (!slot) slot = prepare(statementText(operation, shape));
+    return slot.get();
+  }
+
+  int64_t now() const { return options.clock ? options.clock() : wallClockMicroseconds(); }
+
+  StoreStatus step(sqlite3_stmt* statement) { return statusOf(sqlite3_step(statement)); }
+
+  StoreStatus run(sqlite3_stmt* statement) {
+    if (statement == nullptr) return StoreStatus::storeError;
+    StatementUse use(statement);
+    return step(statement);
+  }
+
+  bool beginWrite() { return run(begin.get()) == StoreStatus::ok; }
+  StoreStatus finishWrite(StoreStatus status) {
+    if (status == StoreStatus::ok || status == StoreStatus::notFound) {
+      if (run(commit.get()) == StoreStatus::ok) return status;
+      status = StoreStatus::storeError;
+    }
+    if (!sqlite3_get_autocommit(db.get())) run(rollback.get());
+    return status;
+  }
+
+  StoreStatus insertItem(const ItemAttributes& item, const SecretBytes& value) {
+    sqlite3_stmt* statement = insert.get();
+    if (statement == nullptr) return StoreStatus::storeError;
+    StatementUse use(statement);
+    const bool bound = bindText(statement, kAccount, item.account) &&
+                       bindText(statement, kService, item.service) &&
+                       bindText(statement, kGeneric, item.generic) &&
+                       (item.label ? bindBlob(statement, kLabel, *item.label)
+                                   : sqlite3_bind_null(statement, kLabel) == SQLITE_OK) &&
+                       bindText(statement, kAccessGroup, item.accessGroup) &&
+                       bindBlob(statement, kValue, value.exposeSecret()) &&
+                       bindText(statement, kAccessible, item.accessibility) &&
+                       sqlite3_bind_int64(statement, kCreated, now()) == SQLITE_OK;
+    if (!bound) return StoreStatus::storeError;
+    return step(statement);
+  }
+
+  StoreStatus updateItems(const ItemQuery& query, const SecretBytes& value) {
+    sqlite3_stmt* statement = statementFor(Operation::update, shapeOf(query));
+    if (statement == nullptr) return StoreStatus::storeError;
+    StatementUse use(statement);
+    if (!bindQuery(statement, query) || !bindBlob(statement, kValue, value.exposeSecret())) {
+      return StoreStatus::storeError;
+    }
+    const StoreStatus status = step(statement);
+    if (status != StoreStatus::ok)
+      return status == StoreStatus::duplicate ? StoreStatus::storeError : status;
+    return sqlite3_changes(db.get()) > 0 ? StoreStatus::ok : StoreStatus::notFound;
+  }
+
+  StoreStatus listColumn(Operation operation, const ItemQuery& query,
+                         std::vector<std::string>* out) {
+    sqlite3_stmt* statement = statementFor(operation, shapeOf(query));
+    if (statement == nullptr) return StoreStatus::storeError;
+    StatementUse use(statement);
+    if (!bindQuery(statement, query)) return StoreStatus::storeError;
+    std::vector<std::string> values;
+    int rc;
+    while ((rc = sqlite3_step(statement)) == SQLITE_ROW) values.push_back(columnText(statement, 0));
+    if (rc != SQLITE_DONE) return StoreStatus::storeError;
+    if (values.empty()) return StoreStatus::notFound;
+    if (out != nullptr) *out = std::move(values);
+    return StoreStatus::ok;
+  }
+};
+
+namespace {
+
+bool failOpen(Error* error, const std::string& what) {
+  setError(error, Error::corvane(-1, "Unable to open item store: " + what));
+  return false;
+}
+
+// Creates the database file 0600 before SQLite sees it. SQLite gives its -wal and -shm files the
+// mode of the database file and sets it explicitly, so they are 0600 too, whatever the umask.
+bool preparePrivateFile(const std::filesystem::path& file, Error* error) {
+  Error inner;
+  if (!makePrivateDirectory(file.parent_path().empty() ? "." : file.parent_path(), &inner)) {
+    return failOpen(error, inner.localizedDescription());
+  }
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return failOpen(error, std::strerror(errno));
+  struct stat st {};
+  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid();
+  if (ok && (st.st_mode & 07777) != 0600) ok = ::fchmod(fd, 0600) == 0;
+  ::close(fd);
+  if (!ok) return failOpen(error, "the store file is not a private regular file of this user");
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+    if (!makeFilePrivate(file.string() + suffix, &inner)) {
+      return failOpen(error, inner.localizedDescription());
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<SqliteItemStore> SqliteItemStore::open(const std::filesystem::path& file,
+                                                       const Options& options, Error* error) {
+  if (!preparePrivateFile(file, error)) return nullptr;
+  auto impl = std::make_unique<Impl>();
+  impl->path = file;
+  impl->options = options;
+
+  sqlite3* raw = nullptr;
+  const int rc =
+      sqlite3_open_v2(file.c_str(), &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);
+  impl->db.reset(raw);
+  auto sqliteFailure = [&](const char* step) {
+    const char* message = impl->db ? sqlite3_errmsg(impl->db.get()) : sqlite3_errstr(rc);
+    failOpen(error, std::string(step) + ": " + message);
+    return nullptr;
+  };
+  if (rc != SQLITE_OK) return sqliteFailure("open");
+  sqlite3_extended_result_codes(impl->db.get(), 1);
+  const auto timeout = options.busyTimeout.count();
+  sqlite3_busy_timeout(impl->db.get(),
+                       timeout > 0x7fffffff ? 0x7fffffff : static_cast<int>(timeout));
+
+  // WAL lets readers run beside the writer and makes each commit a single append.
+  {
+    StatementPtr journal = impl->prepare("PRAGMA journal_mode=WAL");
+    if (!journal || sqlite3_step(journal.get()) != SQLITE_ROW ||
+        columnText(journal.get(), 0) != "wal") {
+      return sqliteFailure("journal mode");
+    }
+  }
+  const char* synchronous = options.synchronous == Synchronous::full ? "PRAGMA synchronous=FULL"
+                                                                     : "PRAGMA synchronous=NORMAL";
+  if (impl->exec(synchronous) != SQLITE_OK || impl->exec("PRAGMA secure_delete=ON") != SQLITE_OK ||
+      impl->exec("PRAGMA trusted_schema=OFF") != SQLITE_OK) {
+    return sqliteFailure("settings");
+  }
+
+  if (impl->exec("BEGIN IMMEDIATE") != SQLITE_OK) return sqliteFailure("schema");
+  int version = -1;
+  {
+    StatementPtr read = impl->prepare("PRAGMA user_version");
+    if (read && sqlite3_step(read.get()) == SQLITE_ROW) version = sqlite3_column_int(read.get(), 0);
+  }
+  bool schemaOk = version == kSchemaVersion;
+  if (version == 0) {
+    schemaOk = true;
+    for (const char* sql : kSchema) schemaOk = schemaOk && impl->exec(sql) == SQLITE_OK;
+    schemaOk = schemaOk && impl->exec("PRAGMA user_version=1") == SQLITE_OK;
+  }
+  if (!schemaOk) {
+    impl->exec("ROLLBACK");
+    if (version > 0) {
+      failOpen(error, "unsupported store version " + std::to_string(version));
+      return nullptr;
+    }
+    return sqliteFailure("schema");
+  }
+  if (impl->exec("COMMIT") != SQLITE_OK) return sqliteFailure("schema");
+
+  impl->insert = impl->prepare(
+      "INSERT INTO items(account, service, generic, label, access_group, value, accessible, "
+      "created) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
+  impl->begin = impl->prepare("BEGIN IMMEDIATE");
+  impl->commit = impl->prepare("COMMIT");
+  impl->rollback = impl->prepare("ROLLBACK");
+  if (!impl->insert || !impl->begin || !impl->commit || !impl->rollback) {
+    return sqliteFailure("prepare");
+  }
+  return std::unique_ptr<SqliteItemStore>(new SqliteItemStore(std::move(impl)));
+}
+
+SqliteItemStore::SqliteItemStore(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+SqliteItemStore::~SqliteItemStore() = default;
+
+const std::filesystem::path& SqliteItemStore::path() const {
+  return impl_->path;
+}
+
+StoreStatus SqliteItemStore::add(const ItemAttributes& item, const SecretBytes& value) {
+  return impl_->insertItem(item, value);
+}
+
+StoreStatus SqliteItemStore::upsert(const ItemAttributes& item, const SecretBytes& value) {
+  if (!impl_->beginWrite()) return StoreStatus::storeError;
+  StoreStatus status = impl_->updateItems(item.asQuery(), value);
+  if (status == StoreStatus::notFound) status = impl_->insertItem(item, value);
+  return impl_->finishWrite(status);
+}
+
+StoreStatus SqliteItemStore::findFirst(const ItemQuery& query, SecretBytes* value) {
+  sqlite3_stmt* statement = impl_->statementFor(Operation::findFirst, shapeOf(query));
+  if (statement == nullptr) return StoreStatus::storeError;
+  StatementUse use(statement);
+  if (!bindQuery(statement, query)) return StoreStatus::storeError;
+  const int rc = sqlite3_step(statement);
+  if (rc == SQLITE_DONE) return StoreStatus::notFound;
+  if (rc != SQLITE_ROW) return StoreStatus::storeError;
+  if (value != nullptr) {
+    const void* blob = sqlite3_column_blob(statement, 0);
+    const int size = sqlite3_column_bytes(statement, 0);
+    *value =
+        blob == nullptr || size <= 0
+            ? SecretBytes()
+            : SecretBytes(std::span(static_cast<const uint8_t*>(blob), static_cast<size_t>(size)));
+  }
+  return StoreStatus::ok;
+}
+
+StoreStatus SqliteItemStore::listServices(const ItemQuery& query,
+                                          std::vector<std::string>* services) {
+  return impl_->listColumn(Operation::listServices, query, services);
+}
+
+StoreStatus SqliteItemStore::listAccounts(const ItemQuery& query,
+                                          std::vector<std::string>* accounts) {
+  return impl_->listColumn(Operation::listAccounts, query, accounts);
+}
+
+StoreStatus SqliteItemStore::update(const ItemQuery& query, const SecretBytes& value) {
+  return impl_->updateItems(query, value);
+}
+
+StoreStatus SqliteItemStore::remove(const ItemQuery& query) {
+  sqlite3_stmt* statement = impl_->statementFor(Operation::remove, shapeOf(query));
+  if (statement == nullptr) return StoreStatus::storeError;
+  StatementUse use(statement);
+  if (!bindQuery(statement, query)) return StoreStatus::storeError;
+  const StoreStatus status = impl_->step(statement);
+  if (status != StoreStatus::ok) return StoreStatus::storeError;
+  return sqlite3_changes(impl_->db.get()) > 0 ? StoreStatus::ok : StoreStatus::notFound;
+}
+
+StoreStatus SqliteItemStore::addAll(std::span<const std::pair<ItemAttributes, SecretBytes>> items) {
+  if (!impl_->beginWrite()) return StoreStatus::storeError;
+  StoreStatus status = StoreStatus::ok;
+  for (const auto& [item, value] : items) {
+    status = impl_->insertItem(item, value);
+    if (status != StoreStatus::ok) break;
+  }
+  return impl_->finishWrite(status);
+}
+
+bool SqliteItemStore::checkIntegrity() {
+  StatementPtr check = impl_->prepare("PRAGMA integrity_check");
+  if (!check || sqlite3_step(check.get()) != SQLITE_ROW) return false;
+  return columnText(check.get(), 0) == "ok" && sqlite3_step(check.get()) == SQLITE_DONE;
+}
+
+std::vector<std::string> SqliteItemStore::queryPlan(Operation operation, const ItemQuery& query) {
+  std::vector<std::string> details;
+  StatementPtr plan =
+      impl_->prepare("EXPLAIN QUERY PLAN " + statementText(operation, shapeOf(query)));
+  if (!plan) return details;
+  while (sqlite3_step(plan.get()) == SQLITE_ROW) details.push_back(columnText(plan.get(), 3));
+  return details;
+}
+
+}  // namespace corvane::linux

@@ -1,0 +1,81 @@
+// The Linux ItemStore: one SQLite file in WAL mode.
+//
+// Every call is one transaction. Statements are prepared once and take every value as a bound
+// parameter. The file (and SQLite's -wal and -shm files next to it) is 0600 and its folder 0700,
+// whatever the umask. Deleted content is overwritten in the database file (secure_delete).
+//
+// Durability: with Synchronous::full (the default) a call that returned ok has reached the disk,
+// so the item survives the process being killed and a power loss; Synchronous::normal survives the
+// process being killed but may lose the last writes on power loss. Either way the file stays
+// consistent. docs/storage.md has the measurements behind the default.
+//
+// Thread-safety: as the port states; the connection is opened without SQLite's own mutexes.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "corvane/error.h"
+#include "corvane/ports/item_store.h"
+
+namespace corvane::linux {
+
+class SqliteItemStore final : public ItemStore {
+ public:
+  enum class Synchronous { normal, full };
+  struct Options {
+    Synchronous synchronous = Synchronous::full;
+    // How long a call waits for another connection's write lock before it fails.
+    std::chrono::milliseconds busyTimeout{5000};
+    // Creation time of new items in microseconds; the wall clock when empty.
+    std::function<int64_t()> clock;
+  };
+
+  // Opens the store at `file`, creating the file (and its folder) when missing. Null and the error
+  // when the folder or file cannot be made private, the file is not an item store of this
+  // version, or SQLite fails.
+  static std::unique_ptr<SqliteItemStore> open(const std::filesystem::path& file,
+                                               const Options& options, Error* error);
+  static std::unique_ptr<SqliteItemStore> open(const std::filesystem::path& file, Error* error) {
+    return open(file, Options{}, error);
+  }
+  ~SqliteItemStore() override;
+  SqliteItemStore(const SqliteItemStore&) = delete;
+  SqliteItemStore& operator=(const SqliteItemStore&) = delete;
+
+  StoreStatus add(const ItemAttributes& item, const SecretBytes& value) override;
+  StoreStatus upsert(const ItemAttributes& item, const SecretBytes& value) override;
+  StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) override;
+  StoreStatus listServices(const ItemQuery& query, std::vector<std::string>* services) override;
+  StoreStatus listAccounts(const ItemQuery& query, std::vector<std::string>* accounts) override;
+  StoreStatus update(const ItemQuery& query, const SecretBytes& value) override;
+  StoreStatus remove(const ItemQuery& query) override;
+
+  // Adds every item in one transaction: all of them or, on the first failure, none.
+  StoreStatus addAll(std::span<const std::pair<ItemAttributes, SecretBytes>> items);
+
+  // True when SQLite's integrity check of the whole file answers "ok".
+  bool checkIntegrity();
+
+  // The statements behind the query operations, for EXPLAIN QUERY PLAN.
+  enum class Operation { findFirst, listServices, listAccounts, update, remove };
+  // The detail lines of SQLite's query plan for `operation` on a query with the attributes that
+  // `query` has (their values do not matter).
+  std::vector<std::string> queryPlan(Operation operation, const ItemQuery& query);
+
+  const std::filesystem::path& path() const;
+
+ private:
+  struct Impl;
+  explicit SqliteItemStore(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace corvane::linux
