@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "corvane/error.h"
+#include "corvane/ports/clock.h"
 
 namespace corvane {
 

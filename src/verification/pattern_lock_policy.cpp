@@ -1,5 +1,7 @@
 #include "verification/pattern_lock_policy.h"
 
+#include "verification/configuration.h"
+
 #include <limits>
 
 namespace corvane {
@@ -188,6 +190,11 @@ std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(
     }
   }
   return rounds;
+}
+
+std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(const Configuration& config) {
+  const std::optional<std::string> text = config.getPatternLockoutPolicy();
+  return getPatternLockPolicy(text ? std::optional<std::string_view>(*text) : std::nullopt);
 }
 
 }  // namespace corvane

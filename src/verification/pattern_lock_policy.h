@@ -51,4 +51,8 @@ bool matchesPatternLockPolicyGrammar(std::string_view text);
 std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(
     std::optional<std::string_view> text);
 
+class Configuration;
+// The configured policy (host first, then the framework's own), parsed as above.
+std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(const Configuration& config);
+
 }  // namespace corvane

@@ -1,4 +1,5 @@
 #include "verification/configuration.h"
+#include "verification/pattern_lock_policy.h"
 
 #include <gtest/gtest.h>
 
@@ -407,13 +408,12 @@ TEST_F(FrameworkResourcesTest, InfoPlistDefaults) {
     EXPECT_TRUE(Configuration::colorFromHexString(*text).has_value()) << key;
   }
 
-  // The fallback policy is valid under the policy grammar (ends in a lockout round).
-  std::optional<std::string> policy =
-      bundle->infoString({kSdkConfigKey, settings::kPatternLockoutPolicy});
-  ASSERT_TRUE(policy.has_value());
-  EXPECT_TRUE(std::regex_match(
-      *policy,
-      std::regex("^([1-9][0-9]*-[1-9][0-9]*(-[1-9][0-9]*)*[|]){0,}([1-9][0-9]*-lock){1}$")));
+  // The fallback policy parses and ends in a lockout round.
+  const auto rounds =
+      getPatternLockPolicy(bundle->infoString({kSdkConfigKey, settings::kPatternLockoutPolicy}));
+  ASSERT_TRUE(rounds.has_value());
+  ASSERT_FALSE(rounds->empty());
+  EXPECT_TRUE(rounds->back().isLockoutRound);
 
   // Switches that only the host may set are absent here.
   for (std::string_view key : {settings::kBiometricActive, settings::kPatternLockActive,
