@@ -17,6 +17,8 @@
 
 #include "corvane/error.h"
 #include "corvane/ports/clock.h"
+#include "corvane/ports/item_store.h"
+#include "corvane/ports/key_store.h"
 
 namespace corvane {
 

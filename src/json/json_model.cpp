@@ -15,16 +15,20 @@ Error modelError(JSONModelErrorCode code, std::string message) {
 
 }  // namespace
 
+void prefixPath(std::string& path, std::string prefix) {
+  if (!path.empty() && path[0] != '[') prefix.push_back('.');
+  prefix.append(path);
+  path = std::move(prefix);
+}
+
 void prefixKey(Failure& failure, std::string_view key) {
-  std::string path(key);
-  if (!failure.path.empty() && failure.path[0] != '[') path += '.';
-  failure.path = path + failure.path;
+  prefixPath(failure.path, std::string(key));
 }
 
 void prefixIndex(Failure& failure, size_t index) {
-  std::string path = "[" + std::to_string(index) + "]";
-  if (!failure.path.empty() && failure.path[0] != '[') path += '.';
-  failure.path = path + failure.path;
+  std::string prefix(1, '[');
+  prefix.append(std::to_string(index)).push_back(']');
+  prefixPath(failure.path, std::move(prefix));
 }
 
 Error mappingError(std::string_view model, const Failure& failure) {

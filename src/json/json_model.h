@@ -69,6 +69,8 @@ struct Failure {
 };
 
 // Prepends an object key or an array index to a failure's path.
+// Puts `prefix` (a key or "[i]") in front of a key path such as "exts[0].id".
+void prefixPath(std::string& path, std::string prefix);
 void prefixKey(Failure& failure, std::string_view key);
 void prefixIndex(Failure& failure, size_t index);
 
@@ -227,8 +229,10 @@ struct Codec<std::vector<T>> {
     for (size_t i = 0; i < values.size(); ++i) {
       std::string inner;
       if (Codec<T>::findMissing(values[i], inner)) {
-        path =
-            "[" + std::to_string(i) + "]" + (inner.empty() || inner[0] == '[' ? "" : ".") + inner;
+        path = std::move(inner);
+        std::string index(1, '[');
+        index.append(std::to_string(i)).push_back(']');
+        prefixPath(path, std::move(index));
         return true;
       }
     }
