@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "corvane/error.h"
+#include "corvane/ports/biometry.h"
 #include "corvane/ports/clock.h"
 #include "corvane/ports/item_store.h"
 #include "corvane/ports/key_store.h"

@@ -97,11 +97,14 @@ std::string statementText(SqliteItemStore::Operation operation, unsigned shape) 
       return "UPDATE items SET value = ?6" + where;
     case SqliteItemStore::Operation::remove:
       return "DELETE FROM items" + where;
+    case SqliteItemStore::Operation::findAttributes:
+      return "SELECT account, service, generic, label, access_group, accessible FROM items" +
+             where + " ORDER BY seq LIMIT 1";
   }
   return {};
 }
 
-constexpr size_t kOperations = 5;
+constexpr size_t kOperations = 6;
 
 struct StatementDeleter {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
@@ -173,6 +176,12 @@ std::string columnText(sqlite3_stmt* statement, int column) {
   return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
 }
 
+// A text column that may be NULL (an absent attribute).
+std::optional<std::string> optionalColumnText(sqlite3_stmt* statement, int column) {
+  if (sqlite3_column_type(statement, column) == SQLITE_NULL) return std::nullopt;
+  return columnText(statement, column);
+}
+
 }  // namespace
 
 struct SqliteItemStore::Impl {
@@ -233,7 +242,8 @@ struct SqliteItemStore::Impl {
                        bindText(statement, kGeneric, item.generic) &&
                        (item.label ? bindBlob(statement, kLabel, *item.label)
                                    : sqlite3_bind_null(statement, kLabel) == SQLITE_OK) &&
-                       bindText(statement, kAccessGroup, item.accessGroup) &&
+                       bindText(statement, kAccessGroup,
+                                item.accessGroup ? item.accessGroup : options.defaultAccessGroup) &&
                        bindBlob(statement, kValue, value.exposeSecret()) &&
                        bindText(statement, kAccessible, item.accessibility) &&
                        sqlite3_bind_int64(statement, kCreated, now()) == SQLITE_OK;
@@ -406,6 +416,33 @@ StoreStatus SqliteItemStore::findFirst(const ItemQuery& query, SecretBytes* valu
         blob == nullptr || size <= 0
             ? SecretBytes()
             : SecretBytes(std::span(static_cast<const uint8_t*>(blob), static_cast<size_t>(size)));
+  }
+  return StoreStatus::ok;
+}
+
+StoreStatus SqliteItemStore::findFirstAttributes(const ItemQuery& query,
+                                                 ItemAttributes* attributes) {
+  sqlite3_stmt* statement = impl_->statementFor(Operation::findAttributes, shapeOf(query));
+  if (statement == nullptr) return StoreStatus::storeError;
+  StatementUse use(statement);
+  if (!bindQuery(statement, query)) return StoreStatus::storeError;
+  const int rc = sqlite3_step(statement);
+  if (rc == SQLITE_DONE) return StoreStatus::notFound;
+  if (rc != SQLITE_ROW) return StoreStatus::storeError;
+  if (attributes != nullptr) {
+    ItemAttributes found;
+    found.account = optionalColumnText(statement, 0);
+    found.service = optionalColumnText(statement, 1);
+    found.generic = optionalColumnText(statement, 2);
+    if (sqlite3_column_type(statement, 3) != SQLITE_NULL) {
+      const auto* blob = static_cast<const uint8_t*>(sqlite3_column_blob(statement, 3));
+      const int size = sqlite3_column_bytes(statement, 3);
+      found.label = blob == nullptr || size <= 0 ? std::vector<uint8_t>()
+                                                 : std::vector<uint8_t>(blob, blob + size);
+    }
+    found.accessGroup = optionalColumnText(statement, 4);
+    found.accessibility = optionalColumnText(statement, 5);
+    *attributes = std::move(found);
   }
   return StoreStatus::ok;
 }

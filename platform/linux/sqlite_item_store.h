@@ -17,8 +17,10 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,7 +38,19 @@ class SqliteItemStore final : public ItemStore {
     std::chrono::milliseconds busyTimeout{5000};
     // Creation time of new items in microseconds; the wall clock when empty.
     std::function<int64_t()> clock;
+    // The access group given to an item added without one (the port's default access group);
+    // none when absent. Usually defaultAccessGroupFor(bundle identifier).
+    std::optional<std::string> defaultAccessGroup;
   };
+
+  // The team identifier that stands in for the platform-assigned application prefix when the
+  // application configures none: ten upper-case characters, like the platform's.
+  static constexpr std::string_view kDefaultTeamId = "CORVANELNX";
+  // "<team id>.<bundle identifier>", the access group a platform keychain gives an application.
+  static std::string defaultAccessGroupFor(std::string_view bundleIdentifier,
+                                           std::string_view teamId = kDefaultTeamId) {
+    return std::string(teamId) + "." + std::string(bundleIdentifier);
+  }
 
   // Opens the store at `file`, creating the file (and its folder) when missing. Null and the error
   // when the folder or file cannot be made private, the file is not an item store of this
@@ -53,6 +67,7 @@ class SqliteItemStore final : public ItemStore {
   StoreStatus add(const ItemAttributes& item, const SecretBytes& value) override;
   StoreStatus upsert(const ItemAttributes& item, const SecretBytes& value) override;
   StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) override;
+  StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) override;
   StoreStatus listServices(const ItemQuery& query, std::vector<std::string>* services) override;
   StoreStatus listAccounts(const ItemQuery& query, std::vector<std::string>* accounts) override;
   StoreStatus update(const ItemQuery& query, const SecretBytes& value) override;
@@ -65,7 +80,7 @@ class SqliteItemStore final : public ItemStore {
   bool checkIntegrity();
 
   // The statements behind the query operations, for EXPLAIN QUERY PLAN.
-  enum class Operation { findFirst, listServices, listAccounts, update, remove };
+  enum class Operation { findFirst, listServices, listAccounts, update, remove, findAttributes };
   // The detail lines of SQLite's query plan for `operation` on a query with the attributes that
   // `query` has (their values do not matter).
   std::vector<std::string> queryPlan(Operation operation, const ItemQuery& query);

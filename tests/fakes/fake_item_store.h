@@ -16,7 +16,16 @@ namespace corvane::testing {
 
 class FakeItemStore : public ItemStore {
  public:
-  enum class Op { add, upsert, findFirst, listServices, listAccounts, update, remove };
+  enum class Op {
+    add,
+    upsert,
+    findFirst,
+    listServices,
+    listAccounts,
+    update,
+    remove,
+    findFirstAttributes
+  };
   struct Call {
     Op op;
     ItemQuery query;  // for add and upsert: the item's own attributes
@@ -37,6 +46,10 @@ class FakeItemStore : public ItemStore {
   void failAllReads(bool fail) { failAllReads_ = fail; }
   // Creation times; by default each new item is one tick after the previous one.
   void setClock(std::function<int64_t()> clock) { clock_ = std::move(clock); }
+  // The access group given to items added without one; none by default.
+  void setDefaultAccessGroup(std::optional<std::string> group) {
+    defaultAccessGroup_ = std::move(group);
+  }
 
   const std::vector<Call>& calls() const { return calls_; }
   void clearCalls() { calls_.clear(); }
@@ -63,6 +76,16 @@ class FakeItemStore : public ItemStore {
       return record(Op::findFirst, query, StoreStatus::ok);
     }
     return record(Op::findFirst, query, StoreStatus::notFound);
+  }
+
+  StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) override {
+    if (failAllReads_) return record(Op::findFirstAttributes, query, StoreStatus::storeError);
+    for (const Item& item : items_) {
+      if (!matches(item, query)) continue;
+      if (attributes != nullptr) *attributes = item.attributes;
+      return record(Op::findFirstAttributes, query, StoreStatus::ok);
+    }
+    return record(Op::findFirstAttributes, query, StoreStatus::notFound);
   }
 
   StoreStatus listServices(const ItemQuery& query, std::vector<std::string>* services) override {
@@ -107,7 +130,9 @@ class FakeItemStore : public ItemStore {
     return failAllWrites_;
   }
 
-  StoreStatus insert(const ItemAttributes& item, const SecretBytes& value) {
+  StoreStatus insert(const ItemAttributes& given, const SecretBytes& value) {
+    ItemAttributes item = given;
+    if (!item.accessGroup) item.accessGroup = defaultAccessGroup_;
     for (const Item& existing : items_) {
       const ItemAttributes& a = existing.attributes;
       if (a.account == item.account && a.service == item.service &&
@@ -151,6 +176,7 @@ class FakeItemStore : public ItemStore {
   std::vector<Item> items_;
   std::vector<Call> calls_;
   std::function<int64_t()> clock_;
+  std::optional<std::string> defaultAccessGroup_;
   int64_t tick_ = 0;
   uint64_t sequence_ = 0;
   int writes_ = 0;

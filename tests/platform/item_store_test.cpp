@@ -396,7 +396,8 @@ TEST(SqliteItemStoreTest, QueriesOnAccountServiceOrLabelUseAnIndex) {
   auto store = SqliteItemStore::open(dir.path() / "items.sqlite", nullptr);
   ASSERT_NE(store, nullptr);
   using Op = SqliteItemStore::Operation;
-  for (Op op : {Op::findFirst, Op::listServices, Op::listAccounts, Op::update, Op::remove}) {
+  for (Op op : {Op::findFirst, Op::listServices, Op::listAccounts, Op::update, Op::remove,
+                Op::findAttributes}) {
     for (unsigned shape = 0; shape < 32; ++shape) {
       ItemQuery query;
       if (shape & 1) query.account = "";

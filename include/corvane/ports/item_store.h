@@ -14,6 +14,9 @@
 // lacks the attribute does not match); an absent one matches anything. An empty query matches every
 // item.
 //
+// Default access group: a store may be set up with one; an item added without an access group then
+// gets it, as a platform keychain puts such items in the application's first access group.
+//
 // Order: items are ordered by creation time, ties (several items in one clock tick) broken by
 // insertion order, so the order is total. "First" means oldest, listings are newest first.
 //
@@ -70,6 +73,11 @@ class ItemStore {
 
   // The value of the oldest matching item, into `value` when it is not null.
   virtual StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) = 0;
+
+  // The attributes of the oldest matching item (accessibility included), into `attributes` when it
+  // is not null. This is how a caller learns what the store filled in on add, such as a default
+  // access group.
+  virtual StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) = 0;
 
   // The services (or accounts) of the matching items, one entry per item, newest first. Items that
   // lack the attribute are left out; `notFound` when no entry remains.

@@ -1,0 +1,417 @@
+#include "storage/keychain.h"
+
+#include <algorithm>
+#include <memory>
+#include <utility>
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/evp.h>
+#include <openssl/param_build.h>
+
+namespace corvane {
+
+namespace keychain_status {
+
+int32_t fromStoreStatus(StoreStatus status) {
+  switch (status) {
+    case StoreStatus::ok:
+      return kSuccess;
+    case StoreStatus::notFound:
+      return kItemNotFound;
+    case StoreStatus::duplicate:
+      return kDuplicateItem;
+    case StoreStatus::storeError:
+      break;
+  }
+  return kIO;
+}
+
+int32_t fromBiometryStatus(BiometryStatus status) {
+  switch (status) {
+    case BiometryStatus::ok:
+      return kSuccess;
+    case BiometryStatus::notFound:
+      return kItemNotFound;
+    case BiometryStatus::userCancel:
+      return kUserCanceled;
+    case BiometryStatus::authenticationFailed:
+      return kAuthFailed;
+    case BiometryStatus::notAvailable:
+      return kInteractionNotAllowed;
+    case BiometryStatus::failure:
+      break;
+  }
+  return kIO;
+}
+
+}  // namespace keychain_status
+
+namespace {
+
+constexpr std::string_view kAccessibilityBiometryAny = "WhenPasscodeSetThisDeviceOnly;BiometryAny";
+constexpr std::string_view kAccessibilityBiometryCurrentSet =
+    "WhenPasscodeSetThisDeviceOnly;BiometryCurrentSet";
+constexpr size_t kP256PointSize = 65;
+constexpr size_t kP256ScalarSize = 32;
+
+Bytes utf8(std::string_view text) {
+  return Bytes(text.begin(), text.end());
+}
+
+std::optional<std::string> owned(Keychain::Attribute attribute) {
+  if (!attribute) return std::nullopt;
+  return std::string(*attribute);
+}
+
+Error bioError(std::string_view what, int32_t status) {
+  return Error::corvane(status, "Unable " + std::string(what) +
+                                    " item to keychain with status : " + std::to_string(status));
+}
+
+struct PkeyDeleter {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct PkeyCtxDeleter {
+  void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
+};
+struct MdCtxDeleter {
+  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+};
+struct BnDeleter {
+  void operator()(BIGNUM* bn) const { BN_clear_free(bn); }
+};
+struct ParamBldDeleter {
+  void operator()(OSSL_PARAM_BLD* bld) const { OSSL_PARAM_BLD_free(bld); }
+};
+struct ParamDeleter {
+  void operator()(OSSL_PARAM* params) const { OSSL_PARAM_free(params); }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
+using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxDeleter>;
+using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
+using BnPtr = std::unique_ptr<BIGNUM, BnDeleter>;
+using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, ParamBldDeleter>;
+using ParamPtr = std::unique_ptr<OSSL_PARAM, ParamDeleter>;
+
+// Imports 04 || X || Y || D as a transient P-256 private key. The private scalar is a secure
+// BIGNUM, so the parameter builder puts its copy in the block that OSSL_PARAM_free clears, and the
+// key clears its own copy when freed. Absent when the bytes are not a matching P-256 key pair.
+PkeyPtr importP256KeyPair(const SecretBytes& raw) {
+  const std::span<const uint8_t> bytes = raw.exposeSecret();
+  if (bytes.size() != kP256PointSize + kP256ScalarSize || bytes[0] != 0x04) return nullptr;
+  BnPtr scalar(BN_secure_new());
+  if (!scalar || BN_bin2bn(bytes.data() + kP256PointSize, static_cast<int>(kP256ScalarSize),
+                           scalar.get()) == nullptr) {
+    return nullptr;
+  }
+  ParamBldPtr builder(OSSL_PARAM_BLD_new());
+  static char kGroup[] = "prime256v1";
+  if (!builder ||
+      OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, kGroup, 0) != 1 ||
+      OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, bytes.data(),
+                                       kP256PointSize) != 1 ||
+      OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar.get()) != 1) {
+    return nullptr;
+  }
+  ParamPtr params(OSSL_PARAM_BLD_to_param(builder.get()));
+  PkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+  EVP_PKEY* made = nullptr;
+  if (!params || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+      EVP_PKEY_fromdata(context.get(), &made, EVP_PKEY_KEYPAIR, params.get()) != 1) {
+    EVP_PKEY_free(made);
+    return nullptr;
+  }
+  PkeyPtr key(made);
+  // The public point must belong to the private scalar, or signatures would not verify.
+  PkeyCtxPtr check(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
+  if (!check || EVP_PKEY_pairwise_check(check.get()) != 1) return nullptr;
+  return key;
+}
+
+std::optional<Bytes> signSha256(EVP_PKEY* key, ByteView message) {
+  MdCtxPtr context(EVP_MD_CTX_new());
+  size_t length = 0;
+  if (!context || EVP_DigestSignInit(context.get(), nullptr, EVP_sha256(), nullptr, key) != 1 ||
+      EVP_DigestSign(context.get(), nullptr, &length, message.data(), message.size()) != 1) {
+    return std::nullopt;
+  }
+  Bytes signature(length);
+  if (EVP_DigestSign(context.get(), signature.data(), &length, message.data(), message.size()) !=
+      1) {
+    return std::nullopt;
+  }
+  signature.resize(length);
+  return signature;
+}
+
+}  // namespace
+
+Keychain::Keychain(ItemStore& items, KeyStore& keys, BiometryPort& biometry,
+                   const Configuration& configuration, const AttestationKeySource* attestation)
+    : items_(items),
+      keys_(keys),
+      biometry_(biometry),
+      configuration_(configuration),
+      attestation_(attestation) {}
+
+std::string Keychain::bundleIdentifier() const {
+  return configuration_.host().bundleIdentifier();
+}
+
+Bytes Keychain::corvaneQueryLabel() const {
+  return utf8(bundleIdentifier() + "." + std::string(kLabelSuffix));
+}
+
+Bytes Keychain::corvaneQueryLabelForLastPatternLock() const {
+  return utf8(std::string(kServiceLastPatternLock) + "." + bundleIdentifier() + "." +
+              std::string(kLabelSuffix));
+}
+
+Bytes Keychain::labelFor(Attribute service) const {
+  if (service && *service == kServiceLastPatternLock) return corvaneQueryLabelForLastPatternLock();
+  return corvaneQueryLabel();
+}
+
+std::optional<std::string> Keychain::bundleSeedID() {
+  ItemQuery query;
+  query.account = std::string(kBundleSeedIdAccount);
+  query.service = std::string();
+  ItemAttributes found;
+  StoreStatus status = items_.findFirstAttributes(query, &found);
+  if (status == StoreStatus::notFound) {
+    ItemAttributes item;
+    item.account = query.account;
+    item.service = query.service;
+    item.accessibility = std::string(kAccessibleWhenPasscodeSetThisDeviceOnly);
+    status = items_.add(item, SecretBytes());
+    if (status == StoreStatus::ok) status = items_.findFirstAttributes(query, &found);
+  }
+  if (status != StoreStatus::ok || !found.accessGroup) return std::nullopt;
+  const std::string& group = *found.accessGroup;
+  return group.substr(0, group.find('.'));
+}
+
+std::optional<std::string> Keychain::corvaneAccessGroup() {
+  std::optional<std::string> seed = bundleSeedID();
+  if (!seed) return std::nullopt;
+  return *seed + "." + bundleIdentifier();
+}
+
+std::optional<ItemAttributes> Keychain::prepareGenericPasswordDictWithAccount(Attribute account,
+                                                                              Attribute service,
+                                                                              Attribute generic) {
+  std::optional<std::string> group = corvaneAccessGroup();
+  if (!group) return std::nullopt;
+  ItemAttributes item;
+  item.account = owned(account);
+  item.service = owned(service);
+  item.generic = owned(generic);
+  item.accessibility = std::string(kAccessibleWhenPasscodeSetThisDeviceOnly);
+  item.label = labelFor(service);
+  item.accessGroup = std::move(group);
+  return item;
+}
+
+std::optional<Keychain::BioAuthQuery> Keychain::prepareBioAuthDictWithAccount(
+    Attribute account, Attribute service, Attribute generic, std::string_view bioMsg,
+    Error* error) {
+  std::optional<std::string> group = corvaneAccessGroup();
+  if (!group) {
+    setError(error, Error::corvane(keychain_status::kMissingEntitlement));
+    return std::nullopt;
+  }
+  const bool convenience = configuration_.isBiometricSecurityLevelConvenience();
+  BioAuthQuery query;
+  query.binding =
+      convenience ? BiometryBinding::anyEnrolment : BiometryBinding::currentEnrolmentSet;
+  query.prompt = std::string(bioMsg);
+  query.attributes.account = owned(account);
+  query.attributes.service = owned(service);
+  query.attributes.generic = owned(generic);
+  query.attributes.accessibility =
+      std::string(convenience ? kAccessibilityBiometryAny : kAccessibilityBiometryCurrentSet);
+  query.attributes.label = corvaneQueryLabel();
+  query.attributes.accessGroup = std::move(group);
+  return query;
+}
+
+std::optional<Bytes> Keychain::generate256EcKeyPair(std::string_view /*publicTag*/,
+                                                    std::string_view privateTag) {
+  std::optional<std::string> group = corvaneAccessGroup();
+  if (!group) return std::nullopt;
+  KeyAttributes attributes;
+  // The label goes into the application label, as the platform's key generation stores it.
+  attributes.applicationLabel = corvaneQueryLabel();
+  attributes.accessGroup = std::move(group);
+  Bytes publicKey;
+  if (keys_.generate(privateTag, attributes, &publicKey) != StoreStatus::ok) return std::nullopt;
+  if (publicKey.size() != kP256SpkiSize ||
+      !std::equal(std::begin(kP256SpkiPrefix), std::end(kP256SpkiPrefix), publicKey.begin()) ||
+      publicKey[sizeof kP256SpkiPrefix] != 0x04) {
+    return std::nullopt;
+  }
+  return publicKey;
+}
+
+std::optional<Bytes> Keychain::signWithECDSASignatureMessageX962SHA256(
+    ByteView message, std::string_view privateTag) {
+  Bytes signature;
+  if (keys_.sign(privateTag, message, &signature) != StoreStatus::ok) return std::nullopt;
+  return signature;
+}
+
+std::optional<Bytes> Keychain::signSHA256withECDSAX962ForBasicFull(ByteView message) {
+  if (attestation_ == nullptr) return std::nullopt;
+  std::optional<SecretBytes> raw = attestation_->attestationKey();
+  if (!raw) return std::nullopt;
+  PkeyPtr key = importP256KeyPair(*raw);
+  raw->clear();
+  if (!key) return std::nullopt;
+  return signSha256(key.get(), message);
+}
+
+bool Keychain::insertGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                Attribute generic, const SecretBytes& data) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item && items_.add(*item, data) == StoreStatus::ok;
+}
+
+bool Keychain::insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                        Attribute generic,
+                                                        const SecretBytes& data) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, service, generic);
+  // One transaction: replace the value of the matching item, or add it when there is none.
+  return item && items_.upsert(*item, data) == StoreStatus::ok;
+}
+
+std::optional<SecretBytes> Keychain::findGenericPasswordWithAccount(Attribute account,
+                                                                    Attribute service,
+                                                                    Attribute generic) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, service, generic);
+  if (!item) return std::nullopt;
+  SecretBytes value;
+  if (items_.findFirst(item->asQuery(), &value) != StoreStatus::ok) return std::nullopt;
+  return value;
+}
+
+std::optional<std::vector<std::string>> Keychain::findGenericPasswordServicesDescWithAccount(
+    Attribute account, Attribute generic) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, std::nullopt, generic);
+  if (!item) return std::nullopt;
+  std::vector<std::string> services;
+  if (items_.listServices(item->asQuery(), &services) != StoreStatus::ok) return std::nullopt;
+  return services;
+}
+
+std::optional<std::vector<std::string>> Keychain::findGenericPasswordAccountDescWithService(
+    Attribute service) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(std::nullopt, service, std::nullopt);
+  if (!item) return std::nullopt;
+  std::vector<std::string> accounts;
+  if (items_.listAccounts(item->asQuery(), &accounts) != StoreStatus::ok) return std::nullopt;
+  return accounts;
+}
+
+bool Keychain::updateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                Attribute generic, const SecretBytes& data) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item && items_.update(item->asQuery(), data) == StoreStatus::ok;
+}
+
+bool Keychain::deleteGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                Attribute generic) {
+  std::optional<ItemAttributes> item =
+      prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item && items_.remove(item->asQuery()) == StoreStatus::ok;
+}
+
+bool Keychain::insertBioAuthDataWithAccount(Attribute account, Attribute service, Attribute generic,
+                                            const SecretBytes& data, Error* error) {
+  Error failure;
+  std::optional<BioAuthQuery> query =
+      prepareBioAuthDictWithAccount(account, service, generic, "", &failure);
+  if (!query) {
+    setError(error, bioError("add", static_cast<int32_t>(failure.code())));
+    return false;
+  }
+  std::vector<uint8_t> protectedForm;
+  const BiometryStatus protectedStatus =
+      biometry_.protectItem(data, query->binding, &protectedForm);
+  if (protectedStatus != BiometryStatus::ok) {
+    setError(error, bioError("add", keychain_status::fromBiometryStatus(protectedStatus)));
+    return false;
+  }
+  // The outcome of the delete does not matter: the add below reports what went wrong.
+  items_.remove(query->attributes.asQuery());
+  const StoreStatus added = items_.add(query->attributes, SecretBytes(protectedForm));
+  if (added != StoreStatus::ok) {
+    setError(error, bioError("add", keychain_status::fromStoreStatus(added)));
+    return false;
+  }
+  return true;
+}
+
+std::optional<SecretBytes> Keychain::findBioAuthDataWithAccount(Attribute account,
+                                                                Attribute service,
+                                                                Attribute generic,
+                                                                std::string_view bioMsg,
+                                                                Error* error) {
+  Error failure;
+  std::optional<BioAuthQuery> query =
+      prepareBioAuthDictWithAccount(account, service, generic, bioMsg, &failure);
+  if (!query) {
+    setError(error, bioError("find", static_cast<int32_t>(failure.code())));
+    return std::nullopt;
+  }
+  SecretBytes protectedForm;
+  int32_t status = keychain_status::fromStoreStatus(
+      items_.findFirst(query->attributes.asQuery(), &protectedForm));
+  SecretBytes value;
+  if (status == keychain_status::kSuccess) {
+    status = keychain_status::fromBiometryStatus(
+        biometry_.readProtectedItem(protectedForm.exposeSecret(), query->prompt, &value));
+  }
+  if (status == keychain_status::kSuccess) return value;
+  // Not found is also how an item bound to a changed enrolment answers: nothing registered with
+  // biometry can be trusted any more, so every registration is dropped.
+  if (status == keychain_status::kItemNotFound) deregAllDatas();
+  setError(error, bioError("find", status));
+  return std::nullopt;
+}
+
+bool Keychain::deregAllDatas() {
+  std::optional<std::string> group = corvaneAccessGroup();
+  return group && items_.removeLabeled(corvaneQueryLabel(), std::move(group)) == StoreStatus::ok;
+}
+
+bool Keychain::resetAllKeyChain() {
+  std::optional<std::string> group = corvaneAccessGroup();
+  if (!group) return true;
+  // Step 1 matches keys on their label attribute while key generation writes the label into the
+  // application label; the pairing is kept as it is, so this step removes only keys that carry
+  // the label itself. The port's remove answers notFound when the query matches nothing, which
+  // is the failed query after which nothing is deleted.
+  KeyQuery keys;
+  keys.label = corvaneQueryLabel();
+  keys.accessGroup = group;
+  keys_.remove(keys);
+  items_.removeLabeled(corvaneQueryLabel(), group);
+  items_.removeLabeled(corvaneQueryLabelForLastPatternLock(), group);
+  return true;
+}
+
+std::optional<SecretBytes> Keychain::getAesEncryptKey() {
+  std::optional<SecretBytes> key =
+      findGenericPasswordWithAccount(kAaid, kServiceAuthKeyTag, std::nullopt);
+  if (key) return key;
+  return findGenericPasswordWithAccount(kAaid, kServiceEncryptKey, std::nullopt);
+}
+
+}  // namespace corvane

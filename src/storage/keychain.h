@@ -1,0 +1,171 @@
+// Keychain: the one gateway to the secure stores. It keeps the users' P-256 key pairs (through the
+// KeyStore port), small secret records as generic-password items (through the ItemStore port),
+// biometry-protected items (stored in the ItemStore in the protected form the BiometryPort makes),
+// and performs the two signatures of the system: with a user's key and with the attestation key.
+//
+// Every item it writes carries one label and one access group, so the whole of the system's data
+// can be found and wiped by label alone. The object keeps no state of its own: every call builds a
+// fresh query, so several Keychain objects over the same stores see the same data.
+//
+// Failures are false or absent; only the two biometry operations fill an Error, whose code is the
+// platform keychain status (the constants below). Nothing is logged.
+//
+// Thread-safety: as the ports it is built on (one call at a time per ItemStore and KeyStore).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "corvane/error.h"
+#include "corvane/ports/biometry.h"
+#include "corvane/ports/item_store.h"
+#include "corvane/ports/key_store.h"
+#include "corvane/secret_bytes.h"
+#include "foundation/utils.h"
+#include "verification/configuration.h"
+
+namespace corvane {
+
+// Status numbers of the platform keychain, so that error codes match those of a phone port.
+namespace keychain_status {
+inline constexpr int32_t kSuccess = 0;                     // errSecSuccess
+inline constexpr int32_t kIO = -36;                        // errSecIO: the store itself failed
+inline constexpr int32_t kUserCanceled = -128;             // errSecUserCanceled
+inline constexpr int32_t kAuthFailed = -25293;             // errSecAuthFailed
+inline constexpr int32_t kDuplicateItem = -25299;          // errSecDuplicateItem
+inline constexpr int32_t kItemNotFound = -25300;           // errSecItemNotFound
+inline constexpr int32_t kInteractionNotAllowed = -25308;  // errSecInteractionNotAllowed
+inline constexpr int32_t kMissingEntitlement = -34018;     // errSecMissingEntitlement
+
+int32_t fromStoreStatus(StoreStatus status);
+int32_t fromBiometryStatus(BiometryStatus status);
+}  // namespace keychain_status
+
+// Where the attestation private key comes from. The system carries it enciphered and deciphers it
+// for each signature; an implementation answers the 97 bytes 04 || X || Y || D (uncompressed
+// public point, then the private scalar), or absent when it cannot.
+class AttestationKeySource {
+ public:
+  virtual ~AttestationKeySource() = default;
+  virtual std::optional<SecretBytes> attestationKey() const = 0;
+};
+
+class Keychain {
+ public:
+  // An argument that is absent (std::nullopt) is left out of the query, which widens the match.
+  using Attribute = std::optional<std::string_view>;
+
+  static constexpr std::string_view kAaid = "0F3D#0002";
+  static constexpr std::string_view kLabelSuffix = "Corvane";
+  static constexpr std::string_view kBundleSeedIdAccount = "bundleSeedID";
+  static constexpr std::string_view kServiceAuthKeyTag = "AUTHNR.authKeyTag";
+  static constexpr std::string_view kServiceEncryptKey = "AUTHNR.encryptKey";
+  static constexpr std::string_view kServicePatternLock = "AUTHNR.patternlock";
+  static constexpr std::string_view kServiceLastPatternLock = "AUTHNR.last_patternlock";
+  // Accessibility written on every item (the platform's "when passcode set, this device only").
+  static constexpr std::string_view kAccessibleWhenPasscodeSetThisDeviceOnly =
+      "WhenPasscodeSetThisDeviceOnly";
+  static constexpr size_t kAttestationKeySize = 97;
+
+  // A biometry-protected item query: the item's attributes, the binding and the prompt text.
+  struct BioAuthQuery {
+    ItemAttributes attributes;
+    BiometryBinding binding;
+    std::string prompt;
+  };
+
+  // The ports and the configuration must outlive the Keychain; `attestation` may be null (then the
+  // attestation signature is absent).
+  Keychain(ItemStore& items, KeyStore& keys, BiometryPort& biometry,
+           const Configuration& configuration, const AttestationKeySource* attestation = nullptr);
+
+  // The application-identifier prefix: the first "."-separated piece of the access group that the
+  // store gives the item account "bundleSeedID", service "" (added when missing). Absent when the
+  // store fails or gives the item no access group.
+  std::optional<std::string> bundleSeedID();
+  // "<bundle seed ID>.<bundle identifier>"; absent without a bundle seed ID, and every operation
+  // that writes or reads items then fails (as the platform refuses an access group the
+  // application is not entitled to).
+  std::optional<std::string> corvaneAccessGroup();
+  // UTF-8 of "<bundle identifier>.Corvane".
+  Bytes corvaneQueryLabel() const;
+  // UTF-8 of "AUTHNR.last_patternlock.<bundle identifier>.Corvane".
+  Bytes corvaneQueryLabelForLastPatternLock() const;
+
+  // The query of every generic-password operation; absent without an access group.
+  std::optional<ItemAttributes> prepareGenericPasswordDictWithAccount(Attribute account,
+                                                                      Attribute service,
+                                                                      Attribute generic);
+  // The query of a biometry-protected item: bound to any enrolment when the configured biometric
+  // security level is "Convenience", to the current enrolment set otherwise. Absent, with error
+  // kMissingEntitlement, without an access group.
+  std::optional<BioAuthQuery> prepareBioAuthDictWithAccount(Attribute account, Attribute service,
+                                                            Attribute generic,
+                                                            std::string_view bioMsg, Error* error);
+
+  // A fresh P-256 key pair under `privateTag`; the 91-byte DER SubjectPublicKeyInfo of its public
+  // half, or absent. `publicTag` sets nothing: the public key is only returned.
+  std::optional<Bytes> generate256EcKeyPair(std::string_view publicTag,
+                                            std::string_view privateTag);
+  // ECDSA with SHA-256 of `message` (DER signature) with the key under `privateTag`, or absent.
+  std::optional<Bytes> signWithECDSASignatureMessageX962SHA256(ByteView message,
+                                                               std::string_view privateTag);
+  // The same with the attestation key, imported for this one signature and released afterwards.
+  std::optional<Bytes> signSHA256withECDSAX962ForBasicFull(ByteView message);
+
+  // Adds an item; false when it exists already.
+  bool insertGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic,
+                                        const SecretBytes& data);
+  // Adds the item, or replaces its value when it exists.
+  bool insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                Attribute generic, const SecretBytes& data);
+  // The value of the first match.
+  std::optional<SecretBytes> findGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                            Attribute generic);
+  // Services (or accounts) of all matches, newest first; absent when none or on failure.
+  std::optional<std::vector<std::string>> findGenericPasswordServicesDescWithAccount(
+      Attribute account, Attribute generic);
+  std::optional<std::vector<std::string>> findGenericPasswordAccountDescWithService(
+      Attribute service);
+  // Replaces the value of every match; false when nothing matched.
+  bool updateGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic,
+                                        const SecretBytes& data);
+  // Deletes every match; false when nothing matched or the store failed.
+  bool deleteGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic);
+
+  // Protects `data` with biometry and stores it in place of any matching item. On failure the
+  // error is "Unable add item to keychain with status : <status>" with the status as its code.
+  bool insertBioAuthDataWithAccount(Attribute account, Attribute service, Attribute generic,
+                                    const SecretBytes& data, Error* error);
+  // Reads a biometry-protected item, which shows the prompt `bioMsg`. On failure the error is
+  // "Unable find item to keychain with status : <status>"; when the item is not found (also the
+  // answer for an item whose enrolment binding was invalidated) every generic-password item of
+  // the system is wiped first (deregAllDatas).
+  std::optional<SecretBytes> findBioAuthDataWithAccount(Attribute account, Attribute service,
+                                                        Attribute generic, std::string_view bioMsg,
+                                                        Error* error);
+
+  // Deletes every generic-password item with the label and access group (the last-pattern items
+  // carry another label and stay); false when nothing was deleted or the store failed.
+  bool deregAllDatas();
+  // Deletes everything the system owns, in three steps (see docs/keychain.md); always true.
+  bool resetAllKeyChain();
+  // The authenticators' encryption key: account "0F3D#0002", service "AUTHNR.authKeyTag", else
+  // the older service "AUTHNR.encryptKey"; absent when neither exists.
+  std::optional<SecretBytes> getAesEncryptKey();
+
+ private:
+  std::string bundleIdentifier() const;
+  Bytes labelFor(Attribute service) const;
+
+  ItemStore& items_;
+  KeyStore& keys_;
+  BiometryPort& biometry_;
+  const Configuration& configuration_;
+  const AttestationKeySource* attestation_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,276 @@
+#include "verification/pattern_manager.h"
+
+#include <array>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <openssl/crypto.h>
+#include <nlohmann/json.hpp>
+
+#include "crypto/iag_aes_gcm.h"
+#include "foundation/utils.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr std::string_view kLastKey = "last_key";
+constexpr std::string_view kLastPattern = "last_pattern";
+constexpr uint8_t kFormatMagic[2] = {'C', 'P'};
+constexpr uint8_t kFormatVersion = 1;
+constexpr size_t kFormatHeader = 5;
+constexpr size_t kSealedMinimum = PatternManager::kTagSize + 1;
+
+// JSON whose texts (and the parser's token buffer) live in memory that is wiped when released, so
+// the key a last pattern item carries leaves no copy behind on the heap.
+using SecretString =
+    std::basic_string<char, std::char_traits<char>, internal::WipingAllocator<char>>;
+using SecretJson = nlohmann::basic_json<std::map, std::vector, SecretString>;
+
+std::span<const uint8_t> textBytes(std::string_view text) {
+  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+}
+
+// Base64url without padding, appended to a secret buffer.
+void appendBase64Url(SecretBytes& out, std::span<const uint8_t> data) {
+  static constexpr std::string_view kAlphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::array<uint8_t, 4> quantum{};
+  for (size_t i = 0; i < data.size(); i += 3) {
+    const size_t n = std::min<size_t>(3, data.size() - i);
+    uint32_t v = uint32_t{data[i]} << 16;
+    if (n > 1) v |= uint32_t{data[i + 1]} << 8;
+    if (n > 2) v |= data[i + 2];
+    for (size_t k = 0; k < 4; ++k)
+      quantum[k] = static_cast<uint8_t>(kAlphabet[(v >> (18 - 6 * k)) & 63]);
+    out.append(std::span(quantum.data(), n + 1));
+  }
+  OPENSSL_cleanse(quantum.data(), quantum.size());
+}
+
+int base64Value(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '-' || c == '+') return 62;
+  if (c == '_' || c == '/') return 63;
+  return -1;
+}
+
+// The decoding rules of Utils::decodeBase64Url ("-" and "_" read as "+" and "/", padded to a
+// multiple of four, "=" only as final padding), writing into a secret buffer and keeping no
+// intermediate copy.
+std::optional<SecretBytes> decodeBase64UrlSecret(std::string_view text) {
+  const size_t padded = (text.size() + 3) / 4 * 4;
+  SecretBytes out(padded / 4 * 3);
+  size_t length = 0;
+  std::span<uint8_t> bytes = out.mutableSecret();
+  auto at = [&](size_t i) { return i < text.size() ? text[i] : '='; };
+  for (size_t i = 0; i < padded; i += 4) {
+    const bool last = i + 4 == padded;
+    size_t padding = 0;
+    if (last && at(i + 3) == '=') padding = at(i + 2) == '=' ? 2 : 1;
+    uint32_t v = 0;
+    for (size_t k = 0; k < 4 - padding; ++k) {
+      const int d = base64Value(at(i + k));
+      if (d < 0) return std::nullopt;
+      v |= static_cast<uint32_t>(d) << (18 - 6 * k);
+    }
+    if (padding == 2 && at(i + 1) == '=') return std::nullopt;
+    bytes[length++] = static_cast<uint8_t>(v >> 16);
+    if (padding < 2) bytes[length++] = static_cast<uint8_t>(v >> 8);
+    if (padding < 1) bytes[length++] = static_cast<uint8_t>(v);
+  }
+  out.resize(length);
+  return out;
+}
+
+std::optional<SecretBytes> systemRandom(size_t count) {
+  if (count > UINT32_MAX) return std::nullopt;
+  std::optional<Bytes> bytes = Utils::randomBytesWithLength(static_cast<uint32_t>(count));
+  if (!bytes) return std::nullopt;
+  SecretBytes secret(*bytes);
+  OPENSSL_cleanse(bytes->data(), bytes->size());
+  return secret;
+}
+
+// The text member `key` of a JSON object, decoded from base64url.
+std::optional<SecretBytes> decodedMember(const SecretJson& object, std::string_view key) {
+  auto member = object.find(SecretString(key));
+  if (member == object.end() || !member->is_string()) return std::nullopt;
+  const SecretString& text = member->get_ref<const SecretString&>();
+  return decodeBase64UrlSecret(std::string_view(text.data(), text.size()));
+}
+
+}  // namespace
+
+PatternManager::PatternManager(Keychain& keychain, RandomSource random)
+    : keychain_(keychain), random_(random ? std::move(random) : RandomSource(systemRandom)) {}
+
+std::string PatternManager::currentPatternAccount(std::string_view username) {
+  return Utils::sha256(username) + "." + std::string(Keychain::kAaid);
+}
+
+std::string PatternManager::lastPatternAccount(std::string_view username) {
+  return std::string(Keychain::kServiceLastPatternLock) + "." + currentPatternAccount(username);
+}
+
+std::optional<SecretBytes> PatternManager::serializePattern(std::span<const uint32_t> pattern) {
+  if (pattern.size() > kMaxPatternLength) return std::nullopt;
+  SecretBytes out(kFormatHeader + 4 * pattern.size());
+  std::span<uint8_t> bytes = out.mutableSecret();
+  bytes[0] = kFormatMagic[0];
+  bytes[1] = kFormatMagic[1];
+  bytes[2] = kFormatVersion;
+  bytes[3] = static_cast<uint8_t>(pattern.size() >> 8);
+  bytes[4] = static_cast<uint8_t>(pattern.size());
+  size_t at = kFormatHeader;
+  for (uint32_t dot : pattern) {
+    for (int shift = 24; shift >= 0; shift -= 8) bytes[at++] = static_cast<uint8_t>(dot >> shift);
+  }
+  return out;
+}
+
+bool PatternManager::serializedPatternEquals(const SecretBytes& serialized,
+                                             std::span<const uint32_t> pattern) {
+  const std::span<const uint8_t> bytes = serialized.exposeSecret();
+  if (bytes.size() < kFormatHeader || bytes[0] != kFormatMagic[0] || bytes[1] != kFormatMagic[1] ||
+      bytes[2] != kFormatVersion) {
+    return false;
+  }
+  const size_t count = (size_t{bytes[3]} << 8) | bytes[4];
+  if (bytes.size() != kFormatHeader + 4 * count || count != pattern.size()) return false;
+  // Every dot is compared, whatever the first difference, so the time taken does not tell where
+  // the patterns part.
+  uint32_t difference = 0;
+  for (size_t i = 0; i < count; ++i) {
+    const uint8_t* p = bytes.data() + kFormatHeader + 4 * i;
+    const uint32_t dot =
+        (uint32_t{p[0]} << 24) | (uint32_t{p[1]} << 16) | (uint32_t{p[2]} << 8) | p[3];
+    difference |= dot ^ pattern[i];
+  }
+  return difference == 0;
+}
+
+bool PatternManager::pattern(std::span<const uint32_t> pattern,
+                             std::span<const uint32_t> otherPattern) {
+  if (pattern.size() != otherPattern.size()) return false;
+  uint32_t difference = 0;
+  for (size_t i = 0; i < pattern.size(); ++i) difference |= pattern[i] ^ otherPattern[i];
+  return difference == 0;
+}
+
+std::optional<SecretBytes> PatternManager::sealPattern(const SecretBytes& key,
+                                                       const SecretBytes& serialized) {
+  static constexpr std::array<uint8_t, kIvSize> kZeroIv{};
+  std::optional<IAGCipheredData> sealed = IAGAesGcm::cipheredDataByAuthenticatedEncryptingPlainData(
+      serialized.exposeSecret(), textBytes(""), kTagSize, kZeroIv, key.exposeSecret(), nullptr);
+  if (!sealed) return std::nullopt;
+  SecretBytes out(sealed->buffer());
+  out.append(sealed->authenticationTag());
+  return out;
+}
+
+std::optional<SecretBytes> PatternManager::openSealedPattern(const SecretBytes& key,
+                                                             const SecretBytes& sealed) {
+  static constexpr std::array<uint8_t, kIvSize> kZeroIv{};
+  const std::span<const uint8_t> bytes = sealed.exposeSecret();
+  if (bytes.size() < kSealedMinimum) return std::nullopt;
+  const size_t split = bytes.size() - kTagSize;
+  const IAGCipheredData parts(Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(split)),
+                              Bytes(bytes.begin() + static_cast<ptrdiff_t>(split), bytes.end()));
+  return IAGAesGcm::plainDataByAuthenticatedDecryptingCipheredData(parts, textBytes(""), kZeroIv,
+                                                                   key.exposeSecret(), nullptr);
+}
+
+std::optional<SecretBytes> PatternManager::getPatternLockEncryptKey() {
+  if (std::optional<SecretBytes> key = keychain_.getAesEncryptKey()) return key;
+  std::optional<SecretBytes> fresh = random_(kKeySize);
+  if (!fresh || fresh->size() != kKeySize) return std::nullopt;
+  // A key that could not be stored would seal patterns nobody can open later.
+  if (!keychain_.insertGenericPasswordWithAccount(Keychain::kAaid, Keychain::kServiceAuthKeyTag,
+                                                  std::nullopt, *fresh)) {
+    return std::nullopt;
+  }
+  return fresh;
+}
+
+bool PatternManager::isCorrectPattern(std::span<const uint32_t> pattern,
+                                      std::string_view username) {
+  std::optional<SecretBytes> key = getPatternLockEncryptKey();
+  if (!key) return false;
+  std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt);
+  if (!sealed) return false;
+  std::optional<SecretBytes> serialized = openSealedPattern(*key, *sealed);
+  return serialized && serializedPatternEquals(*serialized, pattern);
+}
+
+bool PatternManager::isSameAsLastPattern(std::span<const uint32_t> pattern,
+                                         std::string_view username) {
+  std::optional<SecretBytes> item = keychain_.findGenericPasswordWithAccount(
+      lastPatternAccount(username), Keychain::kServiceLastPatternLock, std::nullopt);
+  if (!item) return false;
+  const std::string_view text = item->exposeSecretText();
+  SecretJson json = SecretJson::parse(text.begin(), text.end(), nullptr, false);
+  if (!json.is_object()) return false;
+  std::optional<SecretBytes> key = decodedMember(json, kLastKey);
+  std::optional<SecretBytes> sealed = decodedMember(json, kLastPattern);
+  if (!key || !sealed) return false;
+  std::optional<SecretBytes> serialized = openSealedPattern(*key, *sealed);
+  return serialized && serializedPatternEquals(*serialized, pattern);
+}
+
+void PatternManager::updatePattern(std::span<const uint32_t> pattern, std::string_view username) {
+  std::optional<SecretBytes> key = getPatternLockEncryptKey();
+  if (!key) return;
+  std::optional<SecretBytes> serialized = serializePattern(pattern);
+  if (!serialized) return;
+  std::optional<SecretBytes> sealed = sealPattern(*key, *serialized);
+  if (!sealed) return;
+  keychain_.insertOrUpdateGenericPasswordWithAccount(
+      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt, *sealed);
+}
+
+void PatternManager::writeLastPattern(const std::string& account, const SecretBytes& key,
+                                      const SecretBytes& sealed) {
+  SecretBytes json;
+  json.append(textBytes("{\""));
+  json.append(textBytes(kLastKey));
+  json.append(textBytes("\":\""));
+  appendBase64Url(json, key.exposeSecret());
+  json.append(textBytes("\",\""));
+  json.append(textBytes(kLastPattern));
+  json.append(textBytes("\":\""));
+  appendBase64Url(json, sealed.exposeSecret());
+  json.append(textBytes("\"}"));
+  keychain_.insertOrUpdateGenericPasswordWithAccount(account, Keychain::kServiceLastPatternLock,
+                                                     std::nullopt, json);
+}
+
+void PatternManager::updateLastPatternForUsername(std::string_view username) {
+  std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt);
+  if (!sealed) return;
+  std::optional<SecretBytes> key = keychain_.getAesEncryptKey();
+  if (!key) return;
+  writeLastPattern(lastPatternAccount(username), *key, *sealed);
+}
+
+void PatternManager::updateLastPatternForTheFirstTime() {
+  std::optional<std::vector<std::string>> accounts =
+      keychain_.findGenericPasswordAccountDescWithService(Keychain::kServicePatternLock);
+  if (!accounts) return;
+  for (const std::string& account : *accounts) {
+    std::optional<SecretBytes> key = keychain_.getAesEncryptKey();
+    if (!key) return;
+    std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+        account, Keychain::kServicePatternLock, std::nullopt);
+    if (!sealed) continue;
+    writeLastPattern(std::string(Keychain::kServiceLastPatternLock) + "." + account, *key, *sealed);
+  }
+}
+
+}  // namespace corvane
