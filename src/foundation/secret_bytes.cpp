@@ -17,6 +17,15 @@ bool constantTimeEqual(const void* a, const void* b, size_t size) {
 
 }  // namespace internal
 
+void SecretBytes::append(std::span<const uint8_t> bytes) {
+  data_.insert(data_.end(), bytes.begin(), bytes.end());
+}
+
+void SecretBytes::resize(size_t size) {
+  if (size < data_.size()) secureWipe(data_.data() + size, data_.size() - size);
+  data_.resize(size);
+}
+
 void PrintTo(const SecretBytes& secret, std::ostream* os) {
   *os << "SecretBytes(" << secret.size() << " bytes)";
 }
