@@ -3,24 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
 
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane::linux {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::writeFile;
 using Entries = std::map<std::string, std::string, std::less<>>;
 
 Bytes bytesOf(std::string_view text) {
   return Bytes(text.begin(), text.end());
-}
-
-void writeFile(const fs::path& path, std::string_view content) {
-  fs::create_directories(path.parent_path());
-  std::ofstream out(path, std::ios::binary);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 // UTF-16 with a byte-order mark, from ASCII text.
@@ -35,6 +30,11 @@ Bytes utf16(std::string_view ascii, bool littleEndian) {
     }
   }
   return out;
+}
+
+Bytes withTail(Bytes data, std::initializer_list<uint8_t> tail) {
+  data.insert(data.end(), tail);
+  return data;
 }
 
 // ---- Strings tables ------------------------------------------------------------------------
@@ -84,20 +84,9 @@ TEST(StringsTableTest, KnownAnswers) {
       {"NUL escape", bytesOf(R"("a"="1"; "b"="\U0000";)"), {{"a", "1"}}, false},
       {"invalid UTF-8", bytesOf("\"a\"=\"1\"; \"b\"=\"\xC3\x28\";"), {{"a", "1"}}, false},
       {"overlong UTF-8", bytesOf("\"a\"=\"1\"; \"b\"=\"\xC0\xAF\";"), {{"a", "1"}}, false},
-      {"UTF-16 odd length",
-       [] {
-         Bytes d = utf16(R"("a"="1";)", true);
-         d.push_back('x');
-         return d;
-       }(),
-       {{"a", "1"}},
-       false},
+      {"UTF-16 odd length", withTail(utf16(R"("a"="1";)", true), {'x'}), {{"a", "1"}}, false},
       {"UTF-16 unpaired surrogate",
-       [] {
-         Bytes d = utf16(R"("a"="1";"b"=")", true);
-         d.insert(d.end(), {0x3D, 0xD8, 'x', 0});
-         return d;
-       }(),
+       withTail(utf16(R"("a"="1";"b"=")", true), {0x3D, 0xD8, 'x', 0}),
        {{"a", "1"}},
        false},
   };
@@ -195,21 +184,17 @@ TEST(PropertyListTest, RefusesNonDictionariesAndDamage) {
     EXPECT_FALSE(error.localizedDescription().empty());
   }
   // Every truncation and every bit flip either parses to a dictionary or is refused; none crashes.
-  Bytes data = bytesOf(kInfoPlist);
-  for (size_t length = 0; length < data.size(); ++length) {
-    std::optional<InfoValue> info = parsePropertyList(ByteView(data).first(length), nullptr);
-    if (info) {
-      EXPECT_NE(info->dictionary(), nullptr);
-    }
-  }
+  const Bytes data = bytesOf(kInfoPlist);
+  auto dictionaryOrRefused = [](ByteView bytes) {
+    std::optional<InfoValue> info = parsePropertyList(bytes, nullptr);
+    return !info || info->dictionary() != nullptr;
+  };
   for (size_t i = 0; i < data.size(); ++i) {
+    EXPECT_TRUE(dictionaryOrRefused(ByteView(data).first(i))) << "length " << i;
     for (int bit = 0; bit < 8; ++bit) {
       Bytes flipped = data;
       flipped[i] ^= static_cast<uint8_t>(1 << bit);
-      std::optional<InfoValue> info = parsePropertyList(flipped, nullptr);
-      if (info) {
-        EXPECT_NE(info->dictionary(), nullptr);
-      }
+      EXPECT_TRUE(dictionaryOrRefused(flipped)) << "byte " << i << " bit " << bit;
     }
   }
 }

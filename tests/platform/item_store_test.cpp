@@ -21,6 +21,7 @@
 
 #include "fakes/fake_item_store.h"
 #include "linux/sqlite_item_store.h"
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane {
@@ -28,6 +29,7 @@ namespace {
 
 using linux::SqliteItemStore;
 using testing::FakeItemStore;
+using testing::modeOf;
 using testing::TempDir;
 namespace fs = std::filesystem;
 
@@ -309,11 +311,6 @@ TEST(FakeItemStoreTest, FaultSwitchesFailWithoutChanging) {
 
 // --- SQLite store only ---
 
-mode_t modeOf(const fs::path& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
 TEST(SqliteItemStoreTest, FilesArePrivateWhateverTheUmask) {
   TempDir dir;
   const fs::path existing = dir.path() / "wide";
@@ -343,12 +340,7 @@ TEST(SqliteItemStoreTest, RefusesFilesItCannotTrust) {
   TempDir dir;
   Error error;
   const fs::path garbage = dir.path() / "garbage.sqlite";
-  {
-    std::FILE* f = std::fopen(garbage.c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs("this is not a database, just some text that is long enough to matter ......", f);
-    std::fclose(f);
-  }
+  testing::writeFile(garbage, "this is not a database, just some text long enough to matter .....");
   EXPECT_EQ(SqliteItemStore::open(garbage, &error), nullptr);
   EXPECT_NE(error.localizedDescription().find("Unable to open item store"), std::string::npos);
 

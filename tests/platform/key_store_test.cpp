@@ -17,6 +17,7 @@
 #include "fakes/fake_key_store.h"
 #include "linux/openssl_key_store.h"
 #include "linux/sqlite_item_store.h"
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane {
@@ -26,26 +27,11 @@ using linux::OpenSslKeyStore;
 using linux::SqliteItemStore;
 using testing::FakeItemStore;
 using testing::TempDir;
+using testing::verifies;
 namespace fs = std::filesystem;
 
 std::vector<uint8_t> bytes(std::string_view text) {
   return {text.begin(), text.end()};
-}
-
-// Verifies with OpenSSL alone, from the SubjectPublicKeyInfo the store returned.
-bool verifies(const std::vector<uint8_t>& spki, const std::vector<uint8_t>& message,
-              const std::vector<uint8_t>& signature) {
-  const unsigned char* cursor = spki.data();
-  EVP_PKEY* key = d2i_PUBKEY(nullptr, &cursor, static_cast<long>(spki.size()));
-  if (key == nullptr) return false;
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  const bool ok =
-      ctx != nullptr && EVP_DigestVerifyInit(ctx, nullptr, EVP_sha256(), nullptr, key) == 1 &&
-      EVP_DigestVerify(ctx, signature.data(), signature.size(), message.data(), message.size()) ==
-          1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_free(key);
-  return ok;
 }
 
 ItemQuery recordQuery(std::string_view tag) {
@@ -211,12 +197,9 @@ TEST_F(OpenSslKeyStoreTest, StoreKeyFileIsPrivateAndSurvivesReopening) {
   const StoreStatus generated = keys_.generate("tag", {}, &spki);
   ::umask(saved);
   ASSERT_EQ(generated, StoreStatus::ok);
-  struct stat st {};
-  ASSERT_EQ(::stat(keyFile().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0600u);
-  EXPECT_EQ(st.st_size, 32);
-  ASSERT_EQ(::stat(keyFile().parent_path().c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(testing::modeOf(keyFile()), 0600u);
+  EXPECT_EQ(fs::file_size(keyFile()), 32u);
+  EXPECT_EQ(testing::modeOf(keyFile().parent_path()), 0700u);
   EXPECT_EQ(
       std::distance(fs::directory_iterator(keyFile().parent_path()), fs::directory_iterator()),
       1);  // no temporary file left behind
@@ -252,8 +235,7 @@ TEST_F(OpenSslKeyStoreTest, UntrustworthyKeyFilesAreRefusedAndKept) {
     ASSERT_EQ(::chmod(file.c_str(), c.mode), 0);
     OpenSslKeyStore keys(items_, file);
     EXPECT_EQ(keys.generate("t", {}, nullptr), StoreStatus::storeError);
-    std::ifstream in(file);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), c.content);
+    EXPECT_EQ(testing::readFile(file), c.content);
   }
   const fs::path link = dir_.path() / "link.key";
   ASSERT_EQ(::symlink(keyFile().c_str(), link.c_str()), 0);

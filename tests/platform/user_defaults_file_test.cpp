@@ -5,33 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane::linux {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string readAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
-
-void writeAll(const fs::path& path, std::string_view content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-}
-
-mode_t modeOf(const fs::path& path) {
-  struct stat info {};
-  EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
-  return info.st_mode & 07777;
-}
 
 class UserDefaultsFileTest : public ::testing::Test {
  protected:
@@ -79,11 +59,11 @@ TEST_F(UserDefaultsFileTest, PendingChangesAreWrittenOnDestruction) {
 TEST_F(UserDefaultsFileTest, FileIs0600InFolders0700) {
   auto defaults = open();
   ASSERT_NE(defaults, nullptr);
-  EXPECT_EQ(modeOf(file.parent_path()), 0700u);
-  EXPECT_EQ(modeOf(file.parent_path().parent_path()), 0700u);
+  EXPECT_EQ(testing::modeOf(file.parent_path()), 0700u);
+  EXPECT_EQ(testing::modeOf(file.parent_path().parent_path()), 0700u);
   defaults->setBool("a", true);
   ASSERT_TRUE(defaults->synchronize(nullptr));
-  EXPECT_EQ(modeOf(file), 0600u);
+  EXPECT_EQ(testing::modeOf(file), 0600u);
 }
 
 TEST_F(UserDefaultsFileTest, ReplacesTheFileAtomically) {
@@ -91,7 +71,7 @@ TEST_F(UserDefaultsFileTest, ReplacesTheFileAtomically) {
   ASSERT_NE(defaults, nullptr);
   defaults->setString("k", "old");
   ASSERT_TRUE(defaults->synchronize(nullptr));
-  std::string oldText = readAll(file);
+  std::string oldText = testing::readFile(file);
 
   // A reader holding the old file keeps seeing it whole: the new one is renamed over it, never
   // rewritten in place.
@@ -105,7 +85,7 @@ TEST_F(UserDefaultsFileTest, ReplacesTheFileAtomically) {
   ASSERT_EQ(n, static_cast<ssize_t>(oldText.size()));
   seen.resize(static_cast<size_t>(n));
   EXPECT_EQ(seen, oldText);
-  EXPECT_NE(readAll(file).find(std::string(4096, 'n')), std::string::npos);
+  EXPECT_NE(testing::readFile(file).find(std::string(4096, 'n')), std::string::npos);
 
   // No temporary file is left behind.
   size_t entries = 0;
@@ -136,13 +116,13 @@ TEST_F(UserDefaultsFileTest, CorruptFileReadsEmptyAndIsKeptUntilTheNextWrite) {
   fs::create_directories(file.parent_path());
   for (const std::string& content : corrupt) {
     SCOPED_TRACE(content);
-    writeAll(file, content);
+    testing::writeFile(file, content);
     auto defaults = open();
     ASSERT_NE(defaults, nullptr);
     EXPECT_TRUE(defaults->wasCorrupt());
     EXPECT_FALSE(defaults->getBool("a"));
     EXPECT_TRUE(defaults->synchronize(nullptr));  // nothing changed: nothing written
-    EXPECT_EQ(readAll(file), content);
+    EXPECT_EQ(testing::readFile(file), content);
   }
   {
     auto defaults = open();
@@ -157,7 +137,7 @@ TEST_F(UserDefaultsFileTest, CorruptFileReadsEmptyAndIsKeptUntilTheNextWrite) {
 
 TEST_F(UserDefaultsFileTest, OnlyScalarMembersAreKept) {
   fs::create_directories(file.parent_path());
-  writeAll(file, R"({"flag":true,"list":[1,2],"obj":{"x":1},"text":"t"})");
+  testing::writeFile(file, R"({"flag":true,"list":[1,2],"obj":{"x":1},"text":"t"})");
   auto defaults = open();
   ASSERT_NE(defaults, nullptr);
   EXPECT_FALSE(defaults->wasCorrupt());
@@ -165,12 +145,12 @@ TEST_F(UserDefaultsFileTest, OnlyScalarMembersAreKept) {
   EXPECT_EQ(defaults->getString("text"), "t");
   defaults->setBool("flag", false);
   ASSERT_TRUE(defaults->synchronize(nullptr));
-  EXPECT_EQ(readAll(file).find("list"), std::string::npos);
+  EXPECT_EQ(testing::readFile(file).find("list"), std::string::npos);
 }
 
 TEST_F(UserDefaultsFileTest, OpenFailsWhenAFolderIsAFile) {
   fs::create_directories(dir.path() / "app");
-  writeAll(dir.path() / "app" / "data", "not a folder");
+  testing::writeFile(dir.path() / "app" / "data", "not a folder");
   Error error;
   EXPECT_EQ(UserDefaultsFile::open(file, &error), nullptr);
   EXPECT_FALSE(error.localizedDescription().empty());

@@ -4,12 +4,11 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
-#include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "foundation/utils.h"
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane {
@@ -19,6 +18,9 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Rows = std::vector<std::string>;
 using User = std::optional<std::string>;
+using testing::modeOf;
+using testing::readFile;
+using testing::writeFile;
 
 const RecordPredicate kAll = RecordPredicate::all();
 
@@ -53,19 +55,6 @@ Rows contents(CoreDataManager& m) {
   return out;
 }
 
-std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-// Writes a new file rather than truncating the old one, which some file systems flush at once.
-void writeFile(const fs::path& path, std::string_view bytes) {
-  fs::remove(path);
-  std::ofstream(path, std::ios::binary).write(bytes.data(), bytes.size());
-}
-
 // Everything under a directory, by path: file bytes, "<dir>" or the target of a link.
 std::map<std::string, std::string> snapshot(const fs::path& root) {
   std::map<std::string, std::string> out;
@@ -83,12 +72,6 @@ uint32_t changeCounter(const fs::path& file) {
   uint32_t value = 0;
   for (int i = 24; i < 28; ++i) value = (value << 8) | static_cast<uint8_t>(bytes[i]);
   return value;
-}
-
-mode_t modeOf(const fs::path& path) {
-  struct stat st {};
-  EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-  return st.st_mode & 07777;
 }
 
 int execRaw(sqlite3* db, const char* sql) {

@@ -14,6 +14,7 @@
 
 #include "linux/no_biometry.h"
 #include "storage/keychain_rig.h"
+#include "test_files.h"
 
 namespace corvane {
 namespace {
@@ -22,24 +23,11 @@ using testing::KeychainRig;
 using testing::ScriptedBiometry;
 using testing::secret;
 using testing::StoreKind;
+using testing::verifies;
 using Attribute = Keychain::Attribute;
 
 Bytes utf8(std::string_view text) {
   return Bytes(text.begin(), text.end());
-}
-
-bool verifies(ByteView spki, ByteView message, ByteView signature) {
-  const unsigned char* cursor = spki.data();
-  EVP_PKEY* key = d2i_PUBKEY(nullptr, &cursor, static_cast<long>(spki.size()));
-  if (key == nullptr) return false;
-  EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-  const bool ok =
-      ctx != nullptr && EVP_DigestVerifyInit(ctx, nullptr, EVP_sha256(), nullptr, key) == 1 &&
-      EVP_DigestVerify(ctx, signature.data(), signature.size(), message.data(), message.size()) ==
-          1;
-  EVP_MD_CTX_free(ctx);
-  EVP_PKEY_free(key);
-  return ok;
 }
 
 class KeychainTest : public ::testing::TestWithParam<StoreKind> {

@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 #include "fakes/fake_host_bundle.h"
 #include "fakes/fake_user_defaults.h"
 #include "linux/bundle_directory.h"
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane {
@@ -30,83 +29,44 @@ class ConfigurationTest : public ::testing::Test {
 
 // ---- Texts ---------------------------------------------------------------------------------
 
+// Host texts are "localization=text" pairs; the framework has "FwEn" and "FwBase" unless a case
+// says otherwise.
 struct TextCase {
   const char* name;
   std::optional<std::string> preferredLanguage;  // user default; absent = not set
-  std::vector<std::string> hostPreferred;
-  std::vector<std::pair<std::string, std::string>> hostTexts;  // localization, text for kKey
-  std::optional<std::string> frameworkEn;
-  std::optional<std::string> frameworkBase;
+  std::vector<std::pair<std::string, std::string>> hostTexts;
   std::string expected;
+  std::vector<std::string> hostPreferred{"en"};
+  std::optional<std::string> frameworkEn = "FwEn";
+  std::optional<std::string> frameworkBase = "FwBase";
 };
 
 TEST_F(ConfigurationTest, LocalizedTextFallbackOrder) {
   const std::string key(kKey);
+  const auto none = std::nullopt;
   const TextCase cases[] = {
-      {"host default table", std::nullopt, {"en"}, {{"en", "Host"}}, "FwEn", "FwBase", "Host"},
-      {"host Base via default",
-       std::nullopt,
-       {"en"},
-       {{"Base", "HostBase"}},
-       "FwEn",
-       "FwBase",
-       "HostBase"},
-      {"no language, host English", std::nullopt, {"en"}, {}, "FwEn", "FwBase", "FwEn"},
-      {"no language, host French", std::nullopt, {"fr"}, {}, "FwEn", "FwBase", "FwBase"},
-      {"no language, no preferred", std::nullopt, {}, {}, "FwEn", "FwBase", "FwBase"},
-      {"empty language = none", "", {"en"}, {{"en", "Host"}}, "FwEn", "FwBase", "Host"},
-      {"fr in host fr",
-       "fr",
-       {"en"},
-       {{"fr", "HostFr"}, {"Base", "HostBase"}},
-       "FwEn",
-       "FwBase",
-       "HostFr"},
-      {"fr falls to host Base",
-       "fr",
-       {"en"},
-       {{"en", "HostEn"}, {"Base", "HostBase"}},
-       "FwEn",
-       "FwBase",
-       "HostBase"},
-      {"fr falls to framework Base, not en",
-       "fr",
-       {"en"},
-       {{"en", "HostEn"}},
-       "FwEn",
-       "FwBase",
-       "FwBase"},
-      {"en falls to framework en", "en", {"fr"}, {}, "FwEn", "FwBase", "FwEn"},
-      {"en-US is not en", "en-US", {"en"}, {}, "FwEn", "FwBase", "FwBase"},
-      {"framework en missing", "en", {"en"}, {}, std::nullopt, "FwBase", "FwBase"},
-      {"framework en equal to key", "en", {"en"}, {}, key, "FwBase", "FwBase"},
-      {"host text equal to key is missing",
-       "fr",
-       {"en"},
-       {{"fr", key}},
-       "FwEn",
-       "FwBase",
-       "FwBase"},
-      {"host Base equal to key is missing",
-       "fr",
-       {"en"},
-       {{"Base", key}},
-       "FwEn",
-       "FwBase",
-       "FwBase"},
-      {"host default equal to key is missing",
-       std::nullopt,
-       {"en"},
-       {{"en", key}},
-       "FwEn",
-       "FwBase",
-       "FwEn"},
-      {"host empty text is missing", "fr", {"en"}, {{"fr", ""}}, "FwEn", "FwBase", "FwBase"},
-      {"missing everywhere", "fr", {"en"}, {}, std::nullopt, std::nullopt, ""},
-      {"escaped line breaks", "fr", {"en"}, {{"fr", "One\\nTwo\\n"}}, "", "", "One\nTwo\n"},
-      {"escaped backslash then n", "fr", {"en"}, {{"fr", "a\\\\nb"}}, "", "", "a\\\nb"},
-      {"real line break kept", "fr", {"en"}, {{"fr", "a\nb\\"}}, "", "", "a\nb\\"},
-      {"framework text escaped", "de", {"en"}, {}, "", "x\\ny", "x\ny"},
+      {"host default table", none, {{"en", "Host"}}, "Host"},
+      {"host Base via default", none, {{"Base", "HostBase"}}, "HostBase"},
+      {"no language, host English", none, {}, "FwEn"},
+      {"no language, host French", none, {}, "FwBase", {"fr"}},
+      {"no language, no preferred", none, {}, "FwBase", {}},
+      {"empty language = none", "", {{"en", "Host"}}, "Host"},
+      {"fr in host fr", "fr", {{"fr", "HostFr"}, {"Base", "HostBase"}}, "HostFr"},
+      {"fr falls to host Base", "fr", {{"en", "HostEn"}, {"Base", "HostBase"}}, "HostBase"},
+      {"fr falls to framework Base, not en", "fr", {{"en", "HostEn"}}, "FwBase"},
+      {"en falls to framework en", "en", {}, "FwEn", {"fr"}},
+      {"en-US is not en", "en-US", {}, "FwBase"},
+      {"framework en missing", "en", {}, "FwBase", {"en"}, none},
+      {"framework en equal to key", "en", {}, "FwBase", {"en"}, key},
+      {"host text equal to key is missing", "fr", {{"fr", key}}, "FwBase"},
+      {"host Base equal to key is missing", "fr", {{"Base", key}}, "FwBase"},
+      {"host default equal to key is missing", none, {{"en", key}}, "FwEn"},
+      {"host empty text is missing", "fr", {{"fr", ""}}, "FwBase"},
+      {"missing everywhere", "fr", {}, "", {"en"}, none, none},
+      {"escaped line breaks", "fr", {{"fr", "One\\nTwo\\n"}}, "One\nTwo\n", {"en"}, "", ""},
+      {"escaped backslash then n", "fr", {{"fr", "a\\\\nb"}}, "a\\\nb", {"en"}, "", ""},
+      {"real line break kept", "fr", {{"fr", "a\nb\\"}}, "a\nb\\", {"en"}, "", ""},
+      {"framework text escaped", "de", {}, "x\ny", {"en"}, "", "x\\ny"},
   };
   for (const TextCase& c : cases) {
     SCOPED_TRACE(c.name);
@@ -359,17 +319,9 @@ int countNumberConversions(std::string_view text, bool* onlyLd) {
 TEST_F(FrameworkResourcesTest, EnAndBaseTablesHaveEveryTextKey) {
   for (const char* localization : {"en", "Base"}) {
     SCOPED_TRACE(localization);
-    std::optional<Bytes> raw;
-    {
-      std::ifstream in(
-          testing::resourcesDir() / (std::string(localization) + ".lproj") / "Localizable.strings",
-          std::ios::binary);
-      std::stringstream buffer;
-      buffer << in.rdbuf();
-      std::string text = buffer.str();
-      raw = Bytes(text.begin(), text.end());
-    }
-    linux::StringsTable table = linux::parseStringsTable(*raw);
+    const std::string raw = testing::readFile(
+        testing::resourcesDir() / (std::string(localization) + ".lproj") / "Localizable.strings");
+    linux::StringsTable table = linux::parseStringsTable(asBytes(raw));
     EXPECT_TRUE(table.complete);
     for (const texts::Key& key : texts::kAll) {
       std::optional<std::string> text = bundle->localizedString(key.name, localization);
@@ -392,11 +344,9 @@ TEST_F(FrameworkResourcesTest, InfoPlistDefaults) {
   EXPECT_FALSE(bundle->bundleIdentifier().empty());
 
   // The version matches the project version in CMakeLists.txt.
-  std::ifstream cmake(std::filesystem::path(CORVANE_SOURCE_DIR) / "CMakeLists.txt");
-  std::stringstream buffer;
-  buffer << cmake.rdbuf();
+  const std::string cmakeText =
+      testing::readFile(std::filesystem::path(CORVANE_SOURCE_DIR) / "CMakeLists.txt");
   std::smatch match;
-  std::string cmakeText = buffer.str();
   ASSERT_TRUE(
       std::regex_search(cmakeText, match, std::regex(R"(project\(corvane VERSION ([0-9.]+))")));
   EXPECT_EQ(bundle->infoString({"CFBundleShortVersionString"}), match[1].str());
@@ -438,10 +388,7 @@ TEST_F(FrameworkResourcesTest, ConfigurationOverRealFrameworkBundle) {
 
   std::optional<std::filesystem::path> page = config.getTxViewPath();
   ASSERT_TRUE(page.has_value());
-  std::ifstream in(*page);
-  std::stringstream html;
-  html << in.rdbuf();
-  EXPECT_NE(html.str().find("function callJSParameter("), std::string::npos);
+  EXPECT_NE(testing::readFile(*page).find("function callJSParameter("), std::string::npos);
 }
 
 }  // namespace
