@@ -10,12 +10,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "corvane/secret_bytes.h"
 #include "crypto/whitebox.h"
 #include "crypto/whitebox_generator.h"
 #include "crypto/whitebox_tables.h"
+#include "wbgen/attestation.h"
 #include "wbgen/bundle.h"
 
 namespace {
@@ -47,6 +49,7 @@ struct Options {
   bool identityEncoding = false;
   std::optional<std::string> builtinPath;
   std::optional<std::string> outPath;
+  std::optional<std::string> outDir;
 };
 
 struct Command {
@@ -175,6 +178,32 @@ int runBuiltin(const Options& options) {
   return kExitOk;
 }
 
+int runAttestation(const Options& options) {
+  if (!options.outDir) return usageError("attestation needs --out-dir DIR");
+  if (options.key || options.randomKey || options.identityEncoding || options.builtinPath ||
+      options.outPath) {
+    return usageError("attestation takes --out-dir only");
+  }
+  std::string error;
+  const auto material = wbgen::makeAttestationMaterial(&error);
+  if (!material) return failure(error);
+  const std::filesystem::path dir(*options.outDir);
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (ec) return failure("cannot create " + dir.string());
+  const std::string keyLine = material->keyHex + "\n";
+  const std::pair<const char*, const std::string*> files[] = {
+      {"root.pem", &material->rootPem},
+      {"attestation.pem", &material->attestationPem},
+      {"attestation_key.hex", &keyLine},
+  };
+  for (const auto& [name, text] : files) {
+    const std::string path = (dir / name).string();
+    if (!writeFile(path, corvane::asBytes(*text))) return failure("cannot write " + path);
+  }
+  return kExitOk;
+}
+
 // New commands (for example the attestation material) are added here.
 constexpr Command kCommands[] = {
     {"user-tables", "per-user table bundle for a key, as the server sends it",
@@ -206,6 +235,22 @@ constexpr Command kCommands[] = {
      "  --random-key   a fresh random key that is used once and never shown or stored\n"
      "  --out FILE     where to write the set (replaced atomically)\n",
      runBuiltin},
+    {"attestation", "development attestation key and certificates",
+     "Usage: wbgen attestation --out-dir DIR\n"
+     "\n"
+     "Makes development attestation material for the built-in table set compiled into this\n"
+     "program's library, and writes three files into DIR (created if missing):\n"
+     "  attestation_key.hex  a fresh P-256 attestation key as 04 || X || Y || D (97 bytes),\n"
+     "                       CFB-enciphered with the built-in tables under the fixed IV, as one\n"
+     "                       line of 194 lower-case hex digits\n"
+     "  attestation.pem      its X.509 v3 certificate (CA:FALSE, digitalSignature, 20 years)\n"
+     "  root.pem             the self-signed root that signed it (CA:TRUE, keyCertSign, 20 years)\n"
+     "The root's private key is discarded: it is never written or shown. Register root.pem or\n"
+     "attestation.pem with the relying party's metadata; copy the key text and the certificate\n"
+     "into src/crypto/attestation_material.cpp and rebuild.\n"
+     "\n"
+     "  --out-dir DIR  where to write the three files (each replaced atomically)\n",
+     runAttestation},
 };
 
 void printOverview() {
@@ -252,6 +297,10 @@ int main(int argc, char** argv) {
       options.randomKey = true;
     } else if (arg == "--identity-encoding") {
       options.identityEncoding = true;
+    } else if (arg == "--out-dir") {
+      char* text = value();
+      if (text == nullptr) return usageError("--out-dir needs a value");
+      options.outDir = text;
     } else if (arg == "--builtin" || arg == "--out") {
       char* text = value();
       if (text == nullptr) return usageError(std::string(arg) + " needs a value");
