@@ -202,6 +202,25 @@ void checkPolicyLists(const std::optional<Policy>& policy, const PolicyCheckCont
   }
 }
 
+// The common end of the registration and authentication checks: header extensions, then the
+// collected report, then the version.
+std::optional<std::vector<Extension>> finishRequestCheck(
+    const std::optional<OperationHeader>& header, const RequestCheckContext& context,
+    RequiredFieldReport& report, OutgoingExtensions& outgoing, Error* error) {
+  std::vector<Extension> supported;
+  if (!checkHeaderExtensions(header, FailIfUnknownRule::kUnsupportedOnly, report, &supported,
+                             error)) {
+    return std::nullopt;
+  }
+  if (!report.empty()) {
+    setError(error, report.error());
+    return std::nullopt;
+  }
+  forwardHeaderExtensions(supported, context.extsData, outgoing);
+  if (!checkVersionOf(header, error)) return std::nullopt;
+  return outgoing.list();
+}
+
 std::optional<std::vector<Extension>> checkRegistrationRequest(
     const std::optional<RegistrationRequest>& message,
     std::optional<std::string_view> userVerification, const RequestCheckContext& context,
@@ -218,18 +237,7 @@ std::optional<std::vector<Extension>> checkRegistrationRequest(
   checkHeader(message->header, kOpReg, report);
   checkChallenge(message->challenge, report);
   checkUsername(message->username, report);
-  std::vector<Extension> supported;
-  if (!checkHeaderExtensions(message->header, FailIfUnknownRule::kUnsupportedOnly, report,
-                             &supported, error)) {
-    return std::nullopt;
-  }
-  if (!report.empty()) {
-    setError(error, report.error());
-    return std::nullopt;
-  }
-  forwardHeaderExtensions(supported, context.extsData, outgoing);
-  if (!checkVersionOf(message->header, error)) return std::nullopt;
-  return outgoing.list();
+  return finishRequestCheck(message->header, context, report, outgoing, error);
 }
 
 std::optional<std::vector<Extension>> checkAuthenticationRequest(
@@ -250,18 +258,7 @@ std::optional<std::vector<Extension>> checkAuthenticationRequest(
                    [](const Transaction& t) { return Transaction::checkTransaction(t); })) {
     report.add(fieldlabel::kTransaction);
   }
-  std::vector<Extension> supported;
-  if (!checkHeaderExtensions(message->header, FailIfUnknownRule::kUnsupportedOnly, report,
-                             &supported, error)) {
-    return std::nullopt;
-  }
-  if (!report.empty()) {
-    setError(error, report.error());
-    return std::nullopt;
-  }
-  forwardHeaderExtensions(supported, context.extsData, outgoing);
-  if (!checkVersionOf(message->header, error)) return std::nullopt;
-  return outgoing.list();
+  return finishRequestCheck(message->header, context, report, outgoing, error);
 }
 
 bool checkDeregistrationRequest(const std::optional<DeregistrationRequest>& message, Error* error) {
