@@ -237,21 +237,32 @@ void IAGAesGcm::Context::getGhashBlock(gf128::Element& ghash, uint64_t aadLength
   xorBytes(tag, s, tagMask, 16);
 }
 
+bool IAGAesGcm::Context::begin(uint64_t textLength, ByteView additionalAuthenticatedData,
+                               ByteView initializationVector, size_t tagLength,
+                               uint8_t precounterBlock[16], gf128::Element& ghash,
+                               Error* error) const {
+  if (!inputLengthsSupported(textLength, additionalAuthenticatedData.size(),
+                             initializationVector.size(), tagLength)) {
+    setError(error, IAGErrorFactory::errorInputDataLengthNotSupported());
+    return false;
+  }
+  getPrecounterBlock(initializationVector, precounterBlock);
+  ghashKey_.updatePadded(ghash, additionalAuthenticatedData.data(),
+                         additionalAuthenticatedData.size());
+  return true;
+}
+
 std::optional<IAGCipheredData> IAGAesGcm::Context::seal(ByteView plainData,
                                                         ByteView additionalAuthenticatedData,
                                                         size_t authenticationTagLength,
                                                         ByteView initializationVector,
                                                         Error* error) {
-  if (!inputLengthsSupported(plainData.size(), additionalAuthenticatedData.size(),
-                             initializationVector.size(), authenticationTagLength)) {
-    setError(error, IAGErrorFactory::errorInputDataLengthNotSupported());
+  uint8_t precounterBlock[16];
+  gf128::Element ghash;
+  if (!begin(plainData.size(), additionalAuthenticatedData, initializationVector,
+             authenticationTagLength, precounterBlock, ghash, error)) {
     return std::nullopt;
   }
-  uint8_t precounterBlock[16];
-  getPrecounterBlock(initializationVector, precounterBlock);
-  gf128::Element ghash;
-  ghashKey_.updatePadded(ghash, additionalAuthenticatedData.data(),
-                         additionalAuthenticatedData.size());
 
   Bytes cipherText(plainData.size());
   uint8_t tagMask[16];
@@ -271,16 +282,12 @@ std::optional<SecretBytes> IAGAesGcm::Context::open(const IAGCipheredData& ciphe
                                                     ByteView initializationVector, Error* error) {
   const Bytes& cipherText = cipheredData.buffer();
   const Bytes& receivedTag = cipheredData.authenticationTag();
-  if (!inputLengthsSupported(cipherText.size(), additionalAuthenticatedData.size(),
-                             initializationVector.size(), receivedTag.size())) {
-    setError(error, IAGErrorFactory::errorInputDataLengthNotSupported());
+  uint8_t precounterBlock[16];
+  gf128::Element ghash;
+  if (!begin(cipherText.size(), additionalAuthenticatedData, initializationVector,
+             receivedTag.size(), precounterBlock, ghash, error)) {
     return std::nullopt;
   }
-  uint8_t precounterBlock[16];
-  getPrecounterBlock(initializationVector, precounterBlock);
-  gf128::Element ghash;
-  ghashKey_.updatePadded(ghash, additionalAuthenticatedData.data(),
-                         additionalAuthenticatedData.size());
 
   SecretBytes plain(cipherText.size());
   uint8_t tagMask[16];

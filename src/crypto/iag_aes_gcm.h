@@ -122,6 +122,11 @@ class IAGAesGcm {
     bool getHashSubkey(uint8_t hashSubkey[16]);
     // J0: IV || 0^31 || 1 for a 96-bit IV, otherwise GHASH(IV || 0-padding || [bit length]_64).
     void getPrecounterBlock(ByteView initializationVector, uint8_t precounterBlock[16]) const;
+    // The common start of seal and open: checks the lengths (error 1), makes J0 and hashes the
+    // additional data into `ghash`.
+    bool begin(uint64_t textLength, ByteView additionalAuthenticatedData,
+               ByteView initializationVector, size_t tagLength, uint8_t precounterBlock[16],
+               gf128::Element& ghash, Error* error) const;
     // GCTR from inc32(J0) over `in` into `out`, GHASH of the ciphertext side into `ghash`, and
     // E_K(J0) into `tagMask`. `encrypting` says whether the ciphertext is `out` or `in`.
     bool getGCounterBuffer(const uint8_t precounterBlock[16], const uint8_t* in, uint8_t* out,
