@@ -1,0 +1,640 @@
+#include "asm/asm.h"
+
+#include <openssl/crypto.h>
+
+#include <array>
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "authenticator/generic_authenticator.h"
+#include "corvane/status_codes.h"
+#include "foundation/utils.h"
+#include "json/json_text.h"
+
+namespace corvane {
+
+namespace {
+
+constexpr uint64_t kStatusOk = static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_OK);
+constexpr uint64_t kStatusError = static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_ERROR);
+constexpr uint64_t kStatusNoMatched =
+    static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_NO_MATCHED_AUTHENTICATOR);
+constexpr uint64_t kStatusDataMissing =
+    static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_STORAGE_DATA_MISSING);
+constexpr uint64_t kStatusNotEnrolled =
+    static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_USER_NOT_ENROLLED);
+constexpr uint64_t kStatusNoActive =
+    static_cast<uint64_t>(AsmStatusCode::ASM_STATUS_NO_ACTIVE_AUTHENTICATOR);
+
+AsmResponse statusOnly(uint64_t status) {
+  AsmResponse response;
+  response.statusCode = status;
+  return response;
+}
+
+// An error the ASM raises itself: its code is the status it answers with.
+Error asmError(uint64_t status, std::string_view message) {
+  return Error::corvane(static_cast<int64_t>(status), std::string(message));
+}
+
+// Clears a text that held secret material before it is released.
+void wipe(std::string& text) {
+  OPENSSL_cleanse(text.data(), text.size());
+  text.clear();
+}
+
+// Runs an action when the scope ends, however it ends.
+template <typename Action>
+class AtExit {
+ public:
+  explicit AtExit(Action action) : action_(std::move(action)) {}
+  AtExit(const AtExit&) = delete;
+  AtExit& operator=(const AtExit&) = delete;
+  ~AtExit() { action_(); }
+
+ private:
+  Action action_;
+};
+
+// An authenticator's error carried up one layer: same message, code translated to the ASM's.
+std::optional<Error> rewrap(const std::optional<Error>& error) {
+  if (!error) return std::nullopt;
+  return Error::corvane(AuthenticatorStatusCodeTranslator::translate(error->code()),
+                        error->message());
+}
+
+uint64_t translated(uint64_t authenticatorStatus) {
+  return static_cast<uint64_t>(
+      AuthenticatorStatusCodeTranslator::translate(static_cast<int64_t>(authenticatorStatus)));
+}
+
+std::string joined(std::string_view first, std::string_view second) {
+  std::string text;
+  text.reserve(first.size() + 1 + second.size());
+  text.append(first).append(".").append(second);
+  return text;
+}
+
+// Length of the well-formed UTF-8 sequence at `at`, or 0 when the bytes there are not one (bad lead
+// byte, overlong form, surrogate, beyond U+10FFFF, cut short).
+size_t utf8SequenceLength(std::string_view text, size_t at) {
+  const auto byte = [&](size_t i) -> unsigned {
+    return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0x100u;
+  };
+  const auto inRange = [](unsigned b, unsigned low, unsigned high) {
+    return b >= low && b <= high;
+  };
+  const unsigned lead = byte(0);
+  if (lead < 0x80) return 1;
+  if (inRange(lead, 0xC2, 0xDF)) return inRange(byte(1), 0x80, 0xBF) ? 2 : 0;
+  if (inRange(lead, 0xE0, 0xEF)) {
+    const unsigned low = lead == 0xE0 ? 0xA0 : 0x80;
+    const unsigned high = lead == 0xED ? 0x9F : 0xBF;
+    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) ? 3 : 0;
+  }
+  if (inRange(lead, 0xF0, 0xF4)) {
+    const unsigned low = lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned high = lead == 0xF4 ? 0x8F : 0xBF;
+    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) &&
+                   inRange(byte(3), 0x80, 0xBF)
+               ? 4
+               : 0;
+  }
+  return 0;
+}
+
+// Appends `text` as a JSON string, escaped as nlohmann::json writes it: quote, backslash and the
+// control characters escaped (short forms where JSON has them, else \u00xx), everything else,
+// "/" and non-ASCII included, as it is. False when the text is not valid UTF-8.
+bool appendJsonString(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out.push_back('"');
+  size_t at = 0;
+  while (at < text.size()) {
+    const auto c = static_cast<unsigned char>(text[at]);
+    if (c >= 0x80) {
+      const size_t length = utf8SequenceLength(text, at);
+      if (length == 0) return false;
+      out.append(text.substr(at, length));
+      at += length;
+      continue;
+    }
+    switch (c) {
+      case '"':
+        out.append("\\\"");
+        break;
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\b':
+        out.append("\\b");
+        break;
+      case '\f':
+        out.append("\\f");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      default:
+        if (c < 0x20) {
+          out.append("\\u00");
+          out.push_back(kHex[c >> 4]);
+          out.push_back(kHex[c & 0x0F]);
+        } else {
+          out.push_back(static_cast<char>(c));
+        }
+    }
+    ++at;
+  }
+  out.push_back('"');
+  return true;
+}
+
+// Room for a JSON object of these strings without reallocating (an escape is at most 6 bytes), so
+// that no copy of a secret member is left behind in freed memory.
+size_t jsonCapacity(std::initializer_list<std::string_view> texts) {
+  size_t size = 64;
+  for (std::string_view text : texts) size += 6 * text.size() + 16;
+  return size;
+}
+
+// The ASM registration record. Absent when a text is not valid UTF-8.
+std::optional<SecretBytes> makeRegistrationRecord(std::string_view callerId, std::string_view appID,
+                                                  std::string_view keyHandle,
+                                                  std::string_view keyID, std::string_view asmToken,
+                                                  uint64_t userVerification) {
+  std::string text;
+  text.reserve(jsonCapacity({callerId, appID, keyHandle, keyID, asmToken}) + 32);
+  const std::array<std::pair<std::string_view, std::string_view>, 5> members = {{
+      {"callerId", callerId},
+      {"appID", appID},
+      {"keyHandle", keyHandle},
+      {"keyID", keyID},
+      {"asmToken", asmToken},
+  }};
+  bool valid = true;
+  text.push_back('{');
+  for (const auto& [name, value] : members) {
+    text.push_back('"');
+    text.append(name).append("\":");
+    valid = valid && appendJsonString(text, value);
+    text.push_back(',');
+  }
+  text.append("\"userVerification\":").append(std::to_string(userVerification)).push_back('}');
+  std::optional<SecretBytes> record;
+  if (valid) record = SecretBytes::fromText(text);
+  wipe(text);
+  return record;
+}
+
+const std::string* stringMember(const nlohmann::json& object, std::string_view key) {
+  auto it = object.find(key);
+  if (it == object.end() || !it->is_string()) return nullptr;
+  return &it->get_ref<const std::string&>();
+}
+
+std::optional<uint64_t> unsignedMember(const nlohmann::json& object, std::string_view key) {
+  auto it = object.find(key);
+  if (it == object.end()) return std::nullopt;
+  if (it->is_number_unsigned()) return it->get<uint64_t>();
+  if (it->is_number_integer() && it->get<int64_t>() >= 0) {
+    return static_cast<uint64_t>(it->get<int64_t>());
+  }
+  return std::nullopt;
+}
+
+// Clears the key handle and the ASM token of a parsed record before it is released.
+void wipeSecretMembers(nlohmann::json& record) {
+  for (std::string_view key : {"keyHandle", "asmToken"}) {
+    auto it = record.find(key);
+    if (it != record.end() && it->is_string()) wipe(it->get_ref<std::string&>());
+  }
+}
+
+// A stored record parsed as a JSON object; absent with the parse error, or with kInvalidRecord
+// when the value is JSON but not an object.
+std::optional<nlohmann::json> parseRecord(const SecretBytes& record, Error* error) {
+  std::optional<nlohmann::json> json = jsonmodel::parseJson(record.exposeSecretText(), error);
+  if (json && !json->is_object()) {
+    setError(error, asmError(kStatusError, Asm::kInvalidRecord));
+    return std::nullopt;
+  }
+  return json;
+}
+
+// The operations by request-type name. Registration and authentication answer through the
+// delegate and so give no response here.
+using Operation = std::optional<AsmResponse> (*)(Asm&, const AsmRequest&);
+struct NamedOperation {
+  std::string_view name;
+  Operation operation;
+};
+constexpr std::array<NamedOperation, 5> kOperations = {{
+    {"getInfo",
+     [](Asm& a, const AsmRequest& r) -> std::optional<AsmResponse> { return a.getInfo(r); }},
+    {"registration",
+     [](Asm& a, const AsmRequest& r) -> std::optional<AsmResponse> {
+       a.registration(r);
+       return std::nullopt;
+     }},
+    {"authenticate",
+     [](Asm& a, const AsmRequest& r) -> std::optional<AsmResponse> {
+       a.authenticate(r);
+       return std::nullopt;
+     }},
+    {"deregister",
+     [](Asm& a, const AsmRequest& r) -> std::optional<AsmResponse> { return a.deregister(r); }},
+    {"getRegistrations",
+     [](Asm& a, const AsmRequest& r) -> std::optional<AsmResponse> {
+       return a.getRegistrations(r);
+     }},
+}};
+
+Operation operationFor(const AsmRequest& request) {
+  std::optional<std::string_view> name = request.requestTypeCommand();
+  if (!name) return nullptr;
+  for (const NamedOperation& entry : kOperations) {
+    if (entry.name == *name) return entry.operation;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+Asm::Asm(CorvaneDelegate& corvaneDelegate, Keychain& keychain, const Configuration& configuration,
+         std::string facetID, const AuthenticatorFactory& makeAuthenticators)
+    : corvaneDelegate_(corvaneDelegate),
+      keychain_(keychain),
+      configuration_(configuration),
+      facetID_(std::move(facetID)),
+      asmTokenTag_(facetID_ + ".asmToken") {
+  loadAsmToken();
+  if (makeAuthenticators) authenticators_ = makeAuthenticators(*this);
+}
+
+void Asm::loadAsmToken() {
+  const Keychain::Attribute account = kAsmTokenAccount;
+  const Keychain::Attribute service = asmTokenTag_;
+  std::optional<SecretBytes> stored =
+      keychain_.findGenericPasswordWithAccount(account, service, std::nullopt);
+  if (!stored || stored->empty()) {
+    std::optional<Bytes> drawn = Utils::randomBytesWithLength(kAsmTokenSize);
+    if (!drawn) return;
+    SecretBytes fresh(*drawn);
+    OPENSSL_cleanse(drawn->data(), drawn->size());
+    // An empty value can only be a damaged item: it is replaced. A missing one is added, and when
+    // that fails the item is read once more, as another Asm may have added it meanwhile.
+    const bool kept =
+        stored ? keychain_.insertOrUpdateGenericPasswordWithAccount(account, service, std::nullopt,
+                                                                    fresh)
+               : keychain_.insertGenericPasswordWithAccount(account, service, std::nullopt, fresh);
+    stored = kept ? std::optional<SecretBytes>(std::move(fresh))
+                  : keychain_.findGenericPasswordWithAccount(account, service, std::nullopt);
+    if (!stored || stored->empty()) return;
+  }
+  std::string hex = hexadecimalString(stored->exposeSecret());
+  asmToken_ = SecretBytes::fromText(hex);
+  wipe(hex);
+}
+
+std::optional<std::string> Asm::makeKHAccessToken(std::string_view appID, std::string_view asmToken,
+                                                  std::string_view callerId, Error* error) {
+  std::string text;
+  text.reserve(jsonCapacity({appID, asmToken, callerId}));
+  text.append("{\"appID\":");
+  bool valid = appendJsonString(text, appID);
+  text.append(",\"asmToken\":");
+  valid = valid && appendJsonString(text, asmToken);
+  text.append(",\"callerId\":");
+  valid = valid && appendJsonString(text, callerId);
+  text.push_back('}');
+  if (!valid) {
+    wipe(text);
+    setError(error, asmError(kStatusError, kInvalidText));
+    return std::nullopt;
+  }
+  return text;
+}
+
+std::optional<std::string> Asm::khAccessTokenFor(const std::optional<std::string>& appID,
+                                                 Error* error) {
+  // Read again at every use: when the store has been wiped meanwhile (deregister all, a changed
+  // biometric enrolment) a new token is made and stored rather than one kept only in memory.
+  asmToken_.reset();
+  loadAsmToken();
+  if (!asmToken_) {
+    setError(error, asmError(kStatusError, kNoAsmToken));
+    return std::nullopt;
+  }
+  if (!appID) {
+    setError(error, asmError(kStatusError, kInvalidArguments));
+    return std::nullopt;
+  }
+  return makeKHAccessToken(*appID, asmToken_->exposeSecretText(), facetID_, error);
+}
+
+AuthenticatorFeature* Asm::authenticatorFor(uint64_t userVerification) const {
+  auto it = authenticators_.find(userVerification);
+  return it == authenticators_.end() ? nullptr : it->second.get();
+}
+
+void Asm::deregisterUserHash(const std::string& userHash) {
+  const std::string account = joined(userHash, GenericAuthenticator::kAaid);
+  keychain_.deleteGenericPasswordWithAccount(account, std::nullopt, joined(kAsmData, userHash));
+  keychain_.deleteGenericPasswordWithAccount(account, std::nullopt,
+                                             joined(kAuthenticatorData, userHash));
+}
+
+void Asm::executeWithAsmRequest(const AsmRequest& request) {
+  if (Operation operation = operationFor(request)) operation(*this, request);
+}
+
+AsmResponse Asm::executeWithAsmRequestThenResponse(const AsmRequest& request) {
+  Operation operation = operationFor(request);
+  if (operation == nullptr) return statusOnly(kStatusError);
+  return operation(*this, request).value_or(statusOnly(kStatusError));
+}
+
+AsmRequestRunner Asm::runner() {
+  return [this](const AsmRequest& request) { return executeWithAsmRequestThenResponse(request); };
+}
+
+void Asm::registration(const AsmRequest& request) {
+  const RegisterIn* args = std::get_if<RegisterIn>(&request.args);
+  if (args == nullptr) {
+    tempRegisterIn_.reset();
+    corvaneDelegate_.asmRegisterResponse(statusOnly(kStatusError),
+                                         asmError(kStatusError, kInvalidArguments));
+    return;
+  }
+  tempRegisterIn_ = *args;
+  const auto fail = [&](uint64_t status, Error error) {
+    tempRegisterIn_.reset();  // no answer will come for this registration
+    corvaneDelegate_.asmRegisterResponse(statusOnly(status), error);
+  };
+
+  Error error;
+  std::optional<std::string> token = khAccessTokenFor(args->appID, &error);
+  if (!token) return fail(kStatusError, std::move(error));
+
+  RegisterCommand command;
+  command.appID = args->appID;
+  command.username = args->username;
+  command.displayName = args->displayName;
+  command.khAccessToken = std::move(token);
+  command.exts = request.exts;
+
+  if (!GenericAuthenticator::checkUserVerificationActive(request.userVerification,
+                                                         configuration_)) {
+    wipe(*command.khAccessToken);
+    return fail(kStatusNoActive, asmError(kStatusNoActive, kNoActiveAuthenticator));
+  }
+  AuthenticatorFeature* authenticator = authenticatorFor(request.userVerification);
+  if (authenticator == nullptr) {
+    wipe(*command.khAccessToken);
+    return fail(kStatusNoMatched, asmError(kStatusNoMatched, kNoMatchedAuthenticator));
+  }
+  command.finalChallengeHash = authenticator->hashBackNSData(args->finalChallenge.value_or(""));
+  authenticator->registerWithCommand(command);
+  wipe(*command.khAccessToken);
+}
+
+void Asm::authenticatorRegisterResponse(const RegisterResponseCommand* response,
+                                        const std::optional<Error>& error) {
+  // Taken out first: the delegate may start the next registration from its callback.
+  std::optional<RegisterIn> registerIn = std::move(tempRegisterIn_);
+  tempRegisterIn_.reset();
+
+  AsmResponse answer;
+  std::optional<Error> answerError;
+  const auto failWith = [&](std::string_view message) {
+    answer = statusOnly(kStatusError);
+    answerError = asmError(kStatusError, message);
+  };
+  if (response == nullptr) {
+    answer.statusCode = kStatusError;
+    answerError = rewrap(error);
+  } else if (response->statusCode != 0) {
+    answer.statusCode = translated(response->statusCode);
+    answerError = rewrap(error);
+  } else if (!registerIn) {
+    failWith(kNoPendingRegistration);
+  } else if (!response->krd || !response->krd->base64UrlKeyID ||
+             response->krd->base64UrlKeyID->empty() || !response->krd->aaid ||
+             response->krd->aaid->empty() || !response->keyHandle) {
+    failWith(kIncompleteResponse);
+  } else if (!asmToken_) {
+    failWith(kNoAsmToken);
+  } else {
+    const std::string& keyID = *response->krd->base64UrlKeyID;
+    std::optional<SecretBytes> record =
+        makeRegistrationRecord(facetID_, registerIn->appID.value_or(""), *response->keyHandle,
+                               keyID, asmToken_->exposeSecretText(), response->userVerification);
+    const std::string userHash = Utils::sha256(registerIn->username.value_or(""));
+    if (!record) {
+      failWith(kInvalidText);
+    } else if (!keychain_.insertOrUpdateGenericPasswordWithAccount(
+                   joined(userHash, *response->krd->aaid), joined(kAsmData, keyID),
+                   joined(kAsmData, userHash), *record)) {
+      failWith(kCannotStoreRecord);
+    } else {
+      RegisterOut out;
+      out.assertion = response->assertion;
+      out.assertionScheme = std::string(GenericAuthenticator::kAssertionScheme);
+      answer.statusCode = kStatusOk;
+      answer.responseData = std::move(out);
+    }
+  }
+  corvaneDelegate_.asmRegisterResponse(answer, answerError);
+}
+
+void Asm::authenticate(const AsmRequest& request) {
+  const AuthenticateIn* args = std::get_if<AuthenticateIn>(&request.args);
+  if (args == nullptr) {
+    tempAuthenticateIn_.reset();
+    corvaneDelegate_.asmAuthenticateResponse(statusOnly(kStatusError),
+                                             asmError(kStatusError, kInvalidArguments));
+    return;
+  }
+  tempAuthenticateIn_ = *args;
+  const auto fail = [&](uint64_t status, Error error) {
+    tempAuthenticateIn_.reset();
+    corvaneDelegate_.asmAuthenticateResponse(statusOnly(status), error);
+  };
+
+  Error error;
+  std::optional<std::string> token = khAccessTokenFor(args->appID, &error);
+  if (!token) return fail(kStatusError, std::move(error));
+  const AtExit wipeToken([&] { wipe(*token); });
+
+  const std::string userHash = Utils::sha256(args->username.value_or(""));
+  const std::string account = joined(userHash, GenericAuthenticator::kAaid);
+  const std::string generic = joined(kAsmData, userHash);
+  std::optional<SecretBytes> stored;
+  for (const std::string& keyID : args->keyIDs.value_or(std::vector<std::string>())) {
+    stored = keychain_.findGenericPasswordWithAccount(account, joined(kAsmData, keyID), generic);
+    if (stored) break;
+  }
+  if (!stored) return fail(kStatusNotEnrolled, asmError(kStatusNotEnrolled, kNoRegistrationData));
+
+  std::optional<nlohmann::json> record = parseRecord(*stored, &error);
+  if (!record) return fail(kStatusError, std::move(error));
+  const AtExit wipeRecord([&] { wipeSecretMembers(*record); });
+  const std::string* keyHandle = stringMember(*record, "keyHandle");
+  const std::optional<uint64_t> userVerification = unsignedMember(*record, "userVerification");
+  if (keyHandle == nullptr || !userVerification) {
+    return fail(kStatusError, asmError(kStatusError, kInvalidRecord));
+  }
+
+  if (!GenericAuthenticator::checkUserVerificationActive(*userVerification, configuration_)) {
+    // The registration can never be used while the method is switched off: the user's records go.
+    deregisterUserHash(userHash);
+    return fail(kStatusNoActive, asmError(kStatusNoActive, kAuthenticatorNotActive));
+  }
+  AuthenticatorFeature* authenticator = authenticatorFor(*userVerification);
+  if (authenticator == nullptr) {
+    return fail(kStatusNoMatched,
+                asmError(kStatusNoMatched, std::string(kNoMatchedAuthenticatorWithIndex) +
+                                               std::to_string(*userVerification)));
+  }
+
+  SignCommand command;
+  command.appID = args->appID;
+  command.finalChallengeHash = authenticator->hashBackNSData(args->finalChallenge.value_or(""));
+  command.khAccessToken = *token;
+  command.keyHandle = *keyHandle;
+  command.username = args->username;
+  command.exts = request.exts;
+  command.displayName = args->displayName;
+  if (args->transaction) {
+    command.transaction = SignCommand::displayableTransactions(*args->transaction);
+  }
+  command.originalTc = args->transaction;
+  authenticator->signWithCommand(command);
+  wipe(*command.khAccessToken);
+  wipe(*command.keyHandle);
+}
+
+void Asm::authenticatorSignResponse(const SignResponseCommand* response,
+                                    const std::optional<Error>& error) {
+  tempAuthenticateIn_.reset();
+  AsmResponse answer;
+  std::optional<Error> answerError;
+  if (response == nullptr) {
+    answer.statusCode = kStatusError;
+    answerError = rewrap(error);
+  } else if (response->statusCode != 0) {
+    answer.statusCode = translated(response->statusCode);
+    answerError = rewrap(error);
+  } else {
+    AuthenticateOut out;
+    out.assertion = response->assertion;
+    out.assertionScheme = std::string(GenericAuthenticator::kAssertionScheme);
+    answer.statusCode = kStatusOk;
+    answer.responseData = std::move(out);
+  }
+  corvaneDelegate_.asmAuthenticateResponse(answer, answerError);
+}
+
+AsmResponse Asm::getInfo(const AsmRequest& /*request*/) {
+  const auto& basics = GenericAuthenticator::listAllBasicAuthenticatorInfo();
+  if (basics.empty()) return statusOnly(kStatusNoMatched);
+  std::vector<std::string> names;
+  for (const auto& [name, index] : GenericAuthenticator::listAllUserVerification()) {
+    names.push_back(name);
+  }
+  std::vector<AuthenticatorInfo> infos;
+  for (const auto& [index, basic] : basics) {
+    AuthenticatorInfo info = GenericAuthenticator::getBasicAuthenticatorInfo();
+    info.uv = GenericAuthenticator::userVerificationString(index);
+    // An index without an authenticator is reported as not supported on this device.
+    AuthenticatorFeature* authenticator = authenticatorFor(index);
+    info.status = authenticator != nullptr
+                      ? authenticator->deviceSupportCheck()
+                      : static_cast<uint64_t>(
+                            AuthenticatorInfoStatus::AUTHENTICATORINFO_STATUS_DEVICE_NOT_SUPPORTED);
+    info.uvs = names;
+    infos.push_back(std::move(info));
+  }
+  AsmResponse response = statusOnly(kStatusOk);
+  GetInfoOut out;
+  out.authenticators = std::move(infos);
+  response.responseData = std::move(out);
+  return response;
+}
+
+AsmResponse Asm::getRegistrations(const AsmRequest& request) {
+  if (request.authenticatorIndex == 0) return statusOnly(kStatusError);
+  const GetRegistrationsIn* args = std::get_if<GetRegistrationsIn>(&request.args);
+  if (args == nullptr) return statusOnly(kStatusError);
+
+  const std::string userHash = Utils::sha256(args->username.value_or(""));
+  const std::string account = joined(userHash, GenericAuthenticator::kAaid);
+  const std::string generic = joined(kAsmData, userHash);
+  std::optional<std::vector<std::string>> services =
+      keychain_.findGenericPasswordServicesDescWithAccount(account, generic);
+  if (!services || services->empty()) return statusOnly(kStatusNotEnrolled);
+
+  std::optional<SecretBytes> stored =
+      keychain_.findGenericPasswordWithAccount(account, services->front(), generic);
+  if (!stored) return statusOnly(kStatusError);
+  std::optional<nlohmann::json> record = parseRecord(*stored, nullptr);
+  if (!record) return statusOnly(kStatusError);
+  const AtExit wipeRecord([&] { wipeSecretMembers(*record); });
+
+  const std::string* callerId = stringMember(*record, "callerId");
+  if (callerId == nullptr || *callerId != facetID_) return statusOnly(kStatusDataMissing);
+  const std::string* appID = stringMember(*record, "appID");
+  const std::string* keyID = stringMember(*record, "keyID");
+  if (appID == nullptr || keyID == nullptr) return statusOnly(kStatusError);
+
+  AppRegistration registration;
+  registration.appID = *appID;
+  registration.keyID = std::vector<std::string>{*keyID};
+  if (std::optional<uint64_t> index = unsignedMember(*record, "userVerification")) {
+    registration.userVerification = GenericAuthenticator::userVerificationString(*index);
+  }
+  GetRegistrationOut out;
+  out.appRegs = std::vector<AppRegistration>{std::move(registration)};
+  AsmResponse response = statusOnly(kStatusOk);
+  response.responseData = std::move(out);
+  return response;
+}
+
+AsmResponse Asm::deregister(const AsmRequest& request) {
+  const DeregisterIn* args = std::get_if<DeregisterIn>(&request.args);
+  if (args == nullptr) return statusOnly(kStatusError);
+  const bool hasUser = args->username && !args->username->empty();
+  const bool hasKeyID = args->keyID && !args->keyID->empty();
+
+  if (hasUser) {
+    const std::string userHash = Utils::sha256(*args->username);
+    if (!hasKeyID) {
+      deregisterUserHash(userHash);
+    } else {
+      const std::string account = joined(userHash, GenericAuthenticator::kAaid);
+      for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+        keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, *args->keyID),
+                                                   joined(prefix, userHash));
+      }
+    }
+  } else if (hasKeyID) {
+    for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+      keychain_.deleteGenericPasswordWithAccount(std::nullopt, joined(prefix, *args->keyID),
+                                                 std::nullopt);
+    }
+  } else {
+    keychain_.deregAllDatas();
+  }
+  return statusOnly(kStatusOk);
+}
+
+}  // namespace corvane

@@ -1,0 +1,90 @@
+// Test doubles around the ASM: an authenticator that records the commands it gets and answers
+// through its AsmDelegate as scripted, and a CorvaneDelegate that records the ASM's answers.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "asm/asm_interfaces.h"
+#include "foundation/utils.h"
+
+namespace corvane::testing {
+
+class ScriptedAuthenticator final : public AuthenticatorFeature {
+ public:
+  // What the authenticator answers; `present` false hands the ASM a null response.
+  template <typename Response>
+  struct Answer {
+    bool present = true;
+    Response response;
+    std::optional<Error> error;
+  };
+
+  ScriptedAuthenticator(AsmDelegate& delegate, uint64_t index)
+      : delegate_(delegate), index_(index) {}
+
+  // The script. With `deferAnswers` set, answers wait for answerRegister() or answerSign().
+  Answer<RegisterResponseCommand> registerAnswer;
+  Answer<SignResponseCommand> signAnswer;
+  bool deferAnswers = false;
+  uint64_t supportStatus = 2;
+  // The history.
+  std::vector<RegisterCommand> registerCommands;
+  std::vector<SignCommand> signCommands;
+
+  void answerRegister() {
+    delegate_.authenticatorRegisterResponse(
+        registerAnswer.present ? &registerAnswer.response : nullptr, registerAnswer.error);
+  }
+  void answerSign() {
+    delegate_.authenticatorSignResponse(signAnswer.present ? &signAnswer.response : nullptr,
+                                        signAnswer.error);
+  }
+  // Each double's hash carries its index, so a test sees which authenticator hashed.
+  static Bytes hashOf(uint64_t index, std::string_view text) {
+    const auto digest = Utils::sha256BackData(std::to_string(index) + ":" + std::string(text));
+    return Bytes(digest.begin(), digest.end());
+  }
+
+  AuthenticatorInfo getInfo() override { return {}; }
+  void registerWithCommand(const RegisterCommand& command) override {
+    registerCommands.push_back(command);
+    if (!deferAnswers) answerRegister();
+  }
+  void signWithCommand(const SignCommand& command) override {
+    signCommands.push_back(command);
+    if (!deferAnswers) answerSign();
+  }
+  uint64_t deregister(std::optional<std::string_view>) override { return 0; }
+  std::string hash(std::string_view text) override { return Utils::sha256(text); }
+  Bytes hashBackNSData(std::string_view text) override { return hashOf(index_, text); }
+  uint64_t deviceSupportCheck() override { return supportStatus; }
+
+ private:
+  AsmDelegate& delegate_;
+  uint64_t index_;
+};
+
+class RecordingCorvaneDelegate final : public CorvaneDelegate {
+ public:
+  struct Answer {
+    bool authenticate;  // false: a registration answer
+    AsmResponse response;
+    std::optional<Error> error;
+  };
+  std::vector<Answer> answers;
+
+  void asmRegisterResponse(const AsmResponse& response,
+                           const std::optional<Error>& error) override {
+    answers.push_back({false, response, error});
+  }
+  void asmAuthenticateResponse(const AsmResponse& response,
+                               const std::optional<Error>& error) override {
+    answers.push_back({true, response, error});
+  }
+};
+
+}  // namespace corvane::testing
