@@ -137,4 +137,22 @@ std::string dumpJson(const nlohmann::ordered_json& value) {
   return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
+bool truthValue(const nlohmann::json& value) {
+  if (value.is_boolean()) return *value.get_ptr<const bool*>();
+  if (value.is_number_float()) return *value.get_ptr<const double*>() != 0.0;
+  if (value.is_number_unsigned()) return *value.get_ptr<const uint64_t*>() != 0;
+  if (value.is_number_integer()) return *value.get_ptr<const int64_t*>() != 0;
+  if (!value.is_string()) return false;
+  const std::string& text = *value.get_ptr<const std::string*>();
+  size_t i = text.find_first_not_of(" \t\n\r\f\v");
+  if (i == std::string::npos) return false;
+  if (text[i] == '+' || text[i] == '-') {
+    ++i;
+    while (i < text.size() && text[i] == '0') ++i;
+  }
+  if (i >= text.size()) return false;
+  char c = text[i];
+  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
 }  // namespace corvane::jsonmodel

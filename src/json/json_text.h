@@ -30,4 +30,10 @@ std::optional<nlohmann::json> parseJson(std::string_view text, Error* error,
 std::string dumpJson(const nlohmann::json& value);
 std::string dumpJson(const nlohmann::ordered_json& value);
 
+// The truth value of a loosely typed flag such as "fail_if_unknown": booleans as they are, numbers
+// when non-zero, text the way a boolean reading of a string does it (after leading blanks and an
+// optional sign with zeros, a leading "Y", "y", "T", "t" or digit 1-9 means true); anything else
+// is false.
+bool truthValue(const nlohmann::json& value);
+
 }  // namespace corvane::jsonmodel

@@ -4,6 +4,7 @@
 
 #include "corvane/status_codes.h"
 #include "foundation/utils.h"
+#include "json/json_text.h"
 
 namespace corvane {
 
@@ -11,27 +12,6 @@ namespace {
 
 Error corvaneError(CorvaneStatusCode status, std::string_view text) {
   return Error::corvane(code(status), std::string(text));
-}
-
-// The truth value of a loosely typed flag: booleans as they are, numbers when non-zero, and
-// text the way a boolean reading of a string does it (after leading blanks and an optional sign
-// with zeros, a leading "Y", "y", "T", "t" or digit 1-9 means true).
-bool truthValue(const nlohmann::json& value) {
-  if (value.is_boolean()) return *value.get_ptr<const bool*>();
-  if (value.is_number_float()) return *value.get_ptr<const double*>() != 0.0;
-  if (value.is_number_unsigned()) return *value.get_ptr<const uint64_t*>() != 0;
-  if (value.is_number_integer()) return *value.get_ptr<const int64_t*>() != 0;
-  if (!value.is_string()) return false;
-  const std::string& text = *value.get_ptr<const std::string*>();
-  size_t i = text.find_first_not_of(" \t\n\r\f\v");
-  if (i == std::string::npos) return false;
-  if (text[i] == '+' || text[i] == '-') {
-    ++i;
-    while (i < text.size() && text[i] == '0') ++i;
-  }
-  if (i >= text.size()) return false;
-  char c = text[i];
-  return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
 }
 
 bool criteriaValid(const nlohmann::json& element, const PolicyCheckContext& context) {
@@ -52,7 +32,8 @@ void collectCriteriaExtensions(const nlohmann::json& criteria, const PolicyCheck
     Extension extension;
     extension.extID = *id->get_ptr<const std::string*>();
     auto failIfUnknown = element.find("fail_if_unknown");
-    extension.failIfUnknown = failIfUnknown != element.end() && truthValue(*failIfUnknown);
+    extension.failIfUnknown =
+        failIfUnknown != element.end() && jsonmodel::truthValue(*failIfUnknown);
     if (*extension.extID == kExtensionMatchModel) {
       extension.data = context.deviceModelName;
     } else if (Extension::checkValidExtensionId(*extension.extID)) {
