@@ -1,0 +1,111 @@
+// Corvane: the one object through which a host application uses the library, the records the
+// host fills for a request, and the delegate through which it hears the results.
+//
+// One Corvane object owns one Platform (its ports) and every store object built over it; several
+// objects may live side by side in one process. Calls on one object come from one thread at a
+// time; the object creates no threads and takes no locks. docs/API.md lists every operation.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "corvane/error.h"
+#include "corvane/platform_value.h"
+
+namespace corvane {
+
+// The host application's side of a request. Each registration calls onRegistrationComplete
+// exactly once and each authentication calls onAuthenticationComplete exactly once, with the UAF
+// response text (a JSON array) or absent, and an error whose code is a CorvaneStatusCode; success
+// carries an error too, with code 0, so judge the outcome by the code.
+class AuthUIControllerDelegate {
+ public:
+  virtual ~AuthUIControllerDelegate() = default;
+  virtual void onRegistrationComplete(std::optional<std::string> response, const Error& error) = 0;
+  virtual void onAuthenticationComplete(std::optional<std::string> response,
+                                        const Error& error) = 0;
+};
+
+// A registration request. Empty texts stand for absent ones.
+struct DoRegReq {
+  // The UAF registration request text, a JSON array of messages as the server sent it.
+  std::string req;
+  // The user-verification method the host chose ("pattern", "biometry").
+  std::string userVerification;
+  // Passed to the authenticator unchanged.
+  std::string displayName;
+  // Data of header extensions, by extension id ("register_limit" replaces the request's data).
+  std::map<std::string, std::string, std::less<>> extsData;
+};
+
+// An authentication request. Empty texts stand for absent ones.
+struct DoAuthReq {
+  // The UAF authentication request text, a JSON array of messages as the server sent it.
+  std::string req;
+  // The user to authenticate (the request itself names none).
+  std::string username;
+  // Data of header extensions, by extension id.
+  std::map<std::string, std::string, std::less<>> extsData;
+  // Passed to the authenticator unchanged.
+  std::string displayName;
+};
+
+class Corvane {
+ public:
+  // Builds the object over `platform` and runs the first-run steps: on the first construction in
+  // an installation (isInstalled() answers false) every item and key the library left from an
+  // earlier installation is wiped; otherwise, once, the pattern store records each user's current
+  // pattern as the last one. `delegate` is held strongly and may be null (results then go
+  // nowhere). Every port of `platform` must be present (Platform::missingPort); an object built
+  // without them has no stores: isInstalled() and isFirstInitialed() answer false and change
+  // nothing, setLanguage() does nothing and the version and model names are empty. Use create()
+  // to have that checked.
+  Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform);
+  // The same, or null with an error naming the missing port.
+  static std::unique_ptr<Corvane> create(std::shared_ptr<AuthUIControllerDelegate> delegate,
+                                         Platform platform, Error* error);
+  ~Corvane();
+  Corvane(const Corvane&) = delete;
+  Corvane& operator=(const Corvane&) = delete;
+
+  const std::shared_ptr<AuthUIControllerDelegate>& authUIControllerDelegate() const;
+
+  // False exactly once per installation: the first call sets "Corvane.installed" and
+  // "Corvane.initiated" and flushes the user defaults. Answers the value read before the write.
+  bool isInstalled();
+  // False exactly once: the first call that finds "Corvane.initiated" unset sets it and flushes.
+  // Answers the value read before the write.
+  bool isFirstInitialed();
+
+  // Header type check of one raw UAF message given as JSON text: true when it is malformed, that
+  // is when its header's "appID", or failing that its "serverData", is present and neither null
+  // nor a string. A text that is not a JSON object counts as well formed here.
+  bool validateProperties(std::string_view message) const;
+
+  // The device's hardware model identifier (DeviceInfo::modelIdentifier).
+  std::string getDeviceModelName() const;
+  // "CFBundleShortVersionString" of Corvane's own bundle; empty when it has none.
+  std::string getRunningSDKVersion() const;
+  // Stores the language tag "<language>[-<script>][-<region>]" under "Corvane.preferredLanguage"
+  // (absent or empty parts are left out) and flushes. An absent or empty language removes the
+  // stored tag, so that the system's language applies again.
+  void setLanguage(std::optional<std::string_view> language,
+                   std::optional<std::string_view> scriptCode,
+                   std::optional<std::string_view> regionCode);
+  // The title of a user-verification kind: "pattern" and "biometry" have fixed titles, every
+  // other text (case matters) gives "".
+  static std::string getTranslation(std::string_view kind);
+
+ private:
+  // The stores and services built over the platform (src/client/corvane_impl.h); null when the
+  // platform lacks a port.
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<AuthUIControllerDelegate> authUIControllerDelegate_;
+};
+
+}  // namespace corvane

@@ -1,0 +1,86 @@
+// The default Platform on Linux: every port backed by a real Linux implementation, with the
+// application's data in one private folder.
+//
+//   <data directory>/                 0700
+//     items.sqlite                    the item store (SQLite, WAL; -wal and -shm beside it), 0600
+//     keystore.key                    the key store's sealing key, 0600, made on first key use
+//     defaults.json                   the user defaults, 0600, written on first flush
+//
+// Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
+// connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
+// defaults file, the CLOCK_BOOTTIME clock and uname for the device.
+//
+// The namespace is `corvane::linux`. In the GNU dialects (-std=gnu++20, g++'s default) `linux` is
+// a predefined macro; this header sets it aside while it declares its names and restores it after,
+// so it compiles in every dialect. Code built in a GNU dialect cannot spell `corvane::linux`
+// itself, so the same names are reachable as `corvane::linux_platform` in every dialect.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "corvane/error.h"
+#include "corvane/platform_value.h"
+
+#pragma push_macro("linux")
+#undef linux
+
+namespace corvane::linux {
+
+inline constexpr std::string_view kItemStoreFileName = "items.sqlite";
+inline constexpr std::string_view kKeyStoreKeyFileName = "keystore.key";
+inline constexpr std::string_view kUserDefaultsFileName = "defaults.json";
+// The application-identifier prefix of the item store's default access group when the host sets
+// none (the Keychain reads it back as the bundle seed ID).
+inline constexpr std::string_view kDefaultTeamId = "CORVANELNX";
+
+struct LinuxPlatformOptions {
+  // The host application's bundle folder (Info.plist with a CFBundleIdentifier, string tables,
+  // resources). Required.
+  std::filesystem::path hostBundleDirectory;
+  // Where the stores live; default defaultDataDirectory(<bundle identifier>).
+  std::optional<std::filesystem::path> dataDirectory;
+  // Corvane's own bundle folder; default defaultFrameworkBundleDirectory().
+  std::optional<std::filesystem::path> frameworkBundleDirectory;
+  // The team identifier in front of the bundle identifier in the items' access group: ASCII
+  // letters and digits only, since the bundle seed ID is read back as the text before the first
+  // ".".
+  std::string teamId = std::string(kDefaultTeamId);
+  // True: every item-store write reaches the disk before the call returns (survives a power
+  // loss). False: a write survives the process being killed but the last ones may be lost on
+  // power loss; faster.
+  bool durableWrites = true;
+  // The user's languages, best first ("fr-CA", "de"), which pick the bundles' localizations;
+  // default: LANGUAGE, LC_ALL, LC_MESSAGES or LANG.
+  std::optional<std::vector<std::string>> userLanguages;
+};
+
+// Opens or creates every port. Absent, with the error, when the host bundle cannot be opened or
+// has no usable CFBundleIdentifier, the framework bundle cannot be opened, the team identifier is
+// malformed, or the data folder or a store in it cannot be made or opened.
+std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error* error);
+
+// "$XDG_DATA_HOME/corvane/<bundle identifier>" when XDG_DATA_HOME is an absolute path, else
+// "$HOME/.local/share/corvane/<bundle identifier>" (the home folder from the password database
+// when HOME is unset or relative). Absent, with the error, when the bundle identifier cannot be a
+// folder name (empty, ".", "..", or holding "/" or NUL) or no home folder is known.
+std::optional<std::filesystem::path> defaultDataDirectory(std::string_view bundleIdentifier,
+                                                          Error* error);
+// The same rule over given values instead of the environment (absent for an unset variable).
+std::optional<std::filesystem::path> defaultDataDirectory(
+    std::string_view bundleIdentifier, std::optional<std::string_view> xdgDataHome,
+    std::optional<std::string_view> home, Error* error);
+
+// Where `cmake --install` puts Corvane's bundle: "<prefix>/share/corvane/Corvane.bundle".
+std::filesystem::path defaultFrameworkBundleDirectory();
+
+}  // namespace corvane::linux
+
+namespace corvane {
+namespace linux_platform = linux;
+}  // namespace corvane
+
+#pragma pop_macro("linux")

@@ -1,0 +1,54 @@
+// Platform: the set of port objects one Corvane object runs on.
+//
+// A host builds it once, from its own implementations or with corvane::linux::makePlatform, and
+// hands it to Corvane, which keeps it for its whole life. The ports are shared so that a host (or
+// a test) can keep a handle on one it wants to look at, and so that ports built over one another
+// (a key store that keeps its sealed keys in an item store) can share what they are built on.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "corvane/platform.h"
+#include "corvane/ports/biometry.h"
+#include "corvane/ports/clock.h"
+#include "corvane/ports/device_info.h"
+#include "corvane/ports/item_store.h"
+#include "corvane/ports/key_store.h"
+
+namespace corvane {
+
+struct Platform {
+  // Generic-password items: registration records, pattern data, the authenticators' key.
+  std::shared_ptr<ItemStore> itemStore;
+  // The users' P-256 signing keys.
+  std::shared_ptr<KeyStore> keyStore;
+  std::shared_ptr<BiometryPort> biometry;
+  // The host application's bundle (settings, colours, texts) and Corvane's own bundle, which is
+  // the fallback for settings and texts and names the library's version.
+  std::shared_ptr<HostBundle> hostBundle;
+  std::shared_ptr<HostBundle> frameworkBundle;
+  // The application's persistent flags ("Corvane.installed", "Corvane.initiated", the language).
+  std::shared_ptr<UserDefaults> userDefaults;
+  std::shared_ptr<Clock> clock;
+  std::shared_ptr<DeviceInfo> deviceInfo;
+  // The HTTP client, the screen presenter and the scheduler join this set when the flows that use
+  // them are built.
+
+  // The name of the first port that is missing (the member name above), or absent when every
+  // port is present.
+  std::optional<std::string_view> missingPort() const {
+    if (!itemStore) return "itemStore";
+    if (!keyStore) return "keyStore";
+    if (!biometry) return "biometry";
+    if (!hostBundle) return "hostBundle";
+    if (!frameworkBundle) return "frameworkBundle";
+    if (!userDefaults) return "userDefaults";
+    if (!clock) return "clock";
+    if (!deviceInfo) return "deviceInfo";
+    return std::nullopt;
+  }
+};
+
+}  // namespace corvane
