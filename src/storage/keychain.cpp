@@ -6,6 +6,7 @@
 
 #include <openssl/bn.h>
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 
@@ -93,10 +94,44 @@ using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
 using BnPtr = std::unique_ptr<BIGNUM, BnDeleter>;
 using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, ParamBldDeleter>;
 using ParamPtr = std::unique_ptr<OSSL_PARAM, ParamDeleter>;
+struct PointDeleter {
+  void operator()(EC_POINT* point) const { EC_POINT_free(point); }
+};
+using PointPtr = std::unique_ptr<EC_POINT, PointDeleter>;
+
+// The P-256 group, built once: building it (and its Montgomery context) costs more than the
+// multiplication it serves. OpenSSL only reads a group during point arithmetic, so one immutable
+// group serves every thread.
+const EC_GROUP* p256Group() {
+  static const EC_GROUP* const group = EC_GROUP_new_by_curve_name(NID_X9_62_prime256v1);
+  return group;
+}
+
+// True when `scalar` lies in [1, n-1] and `point` (65 bytes, 04 || X || Y) is scalar * G. That
+// also proves the point is on the curve and in the group of order n. One fixed-base
+// multiplication does it; OpenSSL's full key-pair validation adds a variable-base multiplication
+// by n that is implied here and costs more than the signature itself.
+bool isPublicPointOf(const BIGNUM* scalar, std::span<const uint8_t> point) {
+  const EC_GROUP* group = p256Group();
+  if (group == nullptr || BN_is_zero(scalar) || BN_is_negative(scalar) ||
+      BN_cmp(scalar, EC_GROUP_get0_order(group)) >= 0) {
+    return false;
+  }
+  // Compared as points, which needs no conversion of the product to affine coordinates; reading
+  // the carried point checks that it lies on the curve.
+  PointPtr carried(EC_POINT_new(group));
+  PointPtr product(EC_POINT_new(group));
+  return carried && product &&
+         EC_POINT_oct2point(group, carried.get(), point.data(), point.size(), nullptr) == 1 &&
+         EC_POINT_mul(group, product.get(), scalar, nullptr, nullptr, nullptr) == 1 &&
+         EC_POINT_cmp(group, product.get(), carried.get(), nullptr) == 0;
+}
 
 // Imports 04 || X || Y || D as a transient P-256 private key. The private scalar is a secure
 // BIGNUM, so the parameter builder puts its copy in the block that OSSL_PARAM_free clears, and the
 // key clears its own copy when freed. Absent when the bytes are not a matching P-256 key pair.
+// The key is made of the scalar alone: signing needs nothing else, and the point has been checked
+// against the scalar already (importing it would only check it again).
 PkeyPtr importP256KeyPair(const SecretBytes& raw) {
   const std::span<const uint8_t> bytes = raw.exposeSecret();
   if (bytes.size() != kP256PointSize + kP256ScalarSize || bytes[0] != 0x04) return nullptr;
@@ -105,12 +140,12 @@ PkeyPtr importP256KeyPair(const SecretBytes& raw) {
                            scalar.get()) == nullptr) {
     return nullptr;
   }
+  // The public point must belong to the private scalar, or signatures would not verify.
+  if (!isPublicPointOf(scalar.get(), bytes.first(kP256PointSize))) return nullptr;
   ParamBldPtr builder(OSSL_PARAM_BLD_new());
   static char kGroup[] = "prime256v1";
   if (!builder ||
       OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, kGroup, 0) != 1 ||
-      OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, bytes.data(),
-                                       kP256PointSize) != 1 ||
       OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar.get()) != 1) {
     return nullptr;
   }
@@ -122,11 +157,7 @@ PkeyPtr importP256KeyPair(const SecretBytes& raw) {
     EVP_PKEY_free(made);
     return nullptr;
   }
-  PkeyPtr key(made);
-  // The public point must belong to the private scalar, or signatures would not verify.
-  PkeyCtxPtr check(EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr));
-  if (!check || EVP_PKEY_pairwise_check(check.get()) != 1) return nullptr;
-  return key;
+  return PkeyPtr(made);
 }
 
 std::optional<Bytes> signSha256(EVP_PKEY* key, ByteView message) {
