@@ -32,6 +32,8 @@ constexpr uint8_t kHasAccessGroup = 4;
 constexpr std::string_view kAadContext = "corvane.keystore.v1";
 // A private key's SEC1 DER is about 121 bytes; anything far bigger is not a key of ours.
 constexpr size_t kMaxPrivateKeyDer = 512;
+// Two DER INTEGERs of at most 33 bytes in a SEQUENCE.
+constexpr size_t kMaxSignatureSize = 72;
 
 struct PkeyDeleter {
   void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
@@ -319,10 +321,51 @@ bool createKeyFile(const std::filesystem::path& file) {
 
 }  // namespace
 
+// Decoded keys of recently used tags, each with the sealed record it was decoded from and a
+// signing context made ready for it (ECDSA with SHA-256), oldest first. An entry answers only for
+// a record that is byte-identical to its own (compared in constant time), so it can never stand
+// for a record that was replaced, moved or tampered with.
+struct OpenSslKeyStore::KeptKeys {
+  struct Entry {
+    std::string tag;
+    SecretBytes record;
+    PkeyPtr key;
+    MdCtxPtr signer;  // initialised and never finalised: each signature works on a copy
+  };
+  std::vector<Entry> entries;
+
+  const EVP_MD_CTX* find(std::string_view tag, const SecretBytes& record) const {
+    for (const Entry& entry : entries) {
+      if (entry.tag == tag) return entry.record == record ? entry.signer.get() : nullptr;
+    }
+    return nullptr;
+  }
+  // Keeps `key` for `tag` in place of any older entry; the entry's signing context, or null when
+  // no context could be made (then nothing is kept).
+  const EVP_MD_CTX* keep(std::string_view tag, SecretBytes record, PkeyPtr key) {
+    drop(tag);
+    MdCtxPtr signer(EVP_MD_CTX_new());
+    if (!signer ||
+        EVP_DigestSignInit(signer.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1) {
+      return nullptr;
+    }
+    if (entries.size() >= kMaxKeptKeys) entries.erase(entries.begin());
+    entries.push_back({std::string(tag), std::move(record), std::move(key), std::move(signer)});
+    return entries.back().signer.get();
+  }
+  void drop(std::string_view tag) {
+    std::erase_if(entries, [tag](const Entry& entry) { return entry.tag == tag; });
+  }
+};
+
 OpenSslKeyStore::OpenSslKeyStore(std::shared_ptr<ItemStore> items, std::filesystem::path keyFile)
-    : items_(std::move(items)), keyFile_(std::move(keyFile)) {}
+    : items_(std::move(items)), keyFile_(std::move(keyFile)), kept_(std::make_unique<KeptKeys>()) {}
 
 OpenSslKeyStore::~OpenSslKeyStore() = default;
+
+size_t OpenSslKeyStore::keptKeyCount() const {
+  return kept_->entries.size();
+}
 
 bool OpenSslKeyStore::loadStoreKey() {
   if (storeKey_.size() == kStoreKeySize) return true;
@@ -343,6 +386,7 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
   if (!items_ || !loadStoreKey()) return StoreStatus::storeError;
   PkeyPtr key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
   if (!key) return StoreStatus::storeError;
+  kept_->drop(tag);
   std::optional<std::vector<uint8_t>> spki = publicKeyInfo(key.get());
   std::optional<SecretBytes> der = privateKeyDer(key.get());
   if (!spki || !der) return StoreStatus::storeError;
@@ -356,6 +400,7 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
 
   const StoreStatus status = items_->upsert(itemFor(tag), record);
   if (status != StoreStatus::ok) return status;
+  kept_->keep(tag, std::move(record), std::move(key));
   if (publicKey != nullptr) *publicKey = std::move(*spki);
   return StoreStatus::ok;
 }
@@ -363,27 +408,37 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
 StoreStatus OpenSslKeyStore::sign(std::string_view tag, std::span<const uint8_t> message,
                                   std::vector<uint8_t>* signature) {
   if (!items_) return StoreStatus::storeError;
+  // The record is read on every call: the item store is the one truth about which key the tag
+  // names, and a key that was deleted or replaced there must not sign.
   SecretBytes record;
   const StoreStatus found = items_->findFirst(itemFor(tag).asQuery(), &record);
-  if (found != StoreStatus::ok) return found;
-  if (!loadStoreKey()) return StoreStatus::storeError;
-  std::optional<ParsedRecord> parsed = parseRecord(record.exposeSecret());
-  if (!parsed) return StoreStatus::storeError;
-  std::optional<SecretBytes> der =
-      openBytes(storeKey_, associatedData(tag, parsed->header), parsed->sealed);
-  if (!der) return StoreStatus::storeError;
-  PkeyPtr key = privateKeyFromDer(*der);
-  der->clear();
-  if (!key) return StoreStatus::storeError;
-
-  MdCtxPtr ctx(EVP_MD_CTX_new());
-  size_t length = 0;
-  if (!ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key.get()) != 1 ||
-      EVP_DigestSign(ctx.get(), nullptr, &length, message.data(), message.size()) != 1) {
-    return StoreStatus::storeError;
+  if (found != StoreStatus::ok) {
+    kept_->drop(tag);
+    return found;
   }
-  std::vector<uint8_t> out(length);
-  if (EVP_DigestSign(ctx.get(), out.data(), &length, message.data(), message.size()) != 1) {
+  const EVP_MD_CTX* signer = kept_->find(tag, record);
+  if (signer == nullptr) {
+    kept_->drop(tag);
+    if (!loadStoreKey()) return StoreStatus::storeError;
+    std::optional<ParsedRecord> parsed = parseRecord(record.exposeSecret());
+    if (!parsed) return StoreStatus::storeError;
+    std::optional<SecretBytes> der =
+        openBytes(storeKey_, associatedData(tag, parsed->header), parsed->sealed);
+    if (!der) return StoreStatus::storeError;
+    PkeyPtr key = privateKeyFromDer(*der);
+    der->clear();
+    if (!key) return StoreStatus::storeError;
+    signer = kept_->keep(tag, std::move(record), std::move(key));
+    if (signer == nullptr) return StoreStatus::storeError;
+  }
+
+  // A DER ECDSA P-256 signature takes at most 72 bytes.
+  std::vector<uint8_t> out(kMaxSignatureSize);
+  size_t length = out.size();
+  MdCtxPtr ctx(EVP_MD_CTX_new());
+  if (!ctx || EVP_MD_CTX_copy_ex(ctx.get(), signer) != 1 ||
+      EVP_DigestSign(ctx.get(), out.data(), &length, message.data(), message.size()) != 1 ||
+      length > out.size()) {
     return StoreStatus::storeError;
   }
   out.resize(length);
@@ -393,6 +448,8 @@ StoreStatus OpenSslKeyStore::sign(std::string_view tag, std::span<const uint8_t>
 
 StoreStatus OpenSslKeyStore::remove(const KeyQuery& query) {
   if (!items_) return StoreStatus::storeError;
+  // Removal is rare: every kept key is dropped rather than only the matching ones.
+  kept_->entries.clear();
   const bool byTagOnly = query.tag && !query.label && !query.applicationLabel && !query.accessGroup;
   if (byTagOnly) return items_->remove(itemFor(*query.tag).asQuery());
 

@@ -10,6 +10,13 @@
 // The store key is 32 random bytes in a file (0600, in a 0700 folder), created on first use and
 // kept in memory (wiped on destruction) afterwards. docs/storage.md says what protects it.
 //
+// Decoding a private key is several times dearer than signing with it in OpenSSL 3, so the store
+// keeps the decoded keys of the last few tags it generated or signed with, each beside the exact
+// sealed record it came from. A signature still reads the record from the item store every time,
+// and uses a kept key only when the record read is byte-identical to the one it was decoded from;
+// any other record is opened and checked as usual. generate and remove drop the kept keys they
+// touch. docs/storage.md gives the reasons.
+//
 // Thread-safety: as the port states. Give the key store its own ItemStore object so that it can
 // run on a background thread while the library uses another object on the main thread.
 #pragma once
@@ -46,12 +53,19 @@ class OpenSslKeyStore final : public KeyStore {
   // Deletes the matching keys one by one; a store failure part way leaves the rest in place.
   StoreStatus remove(const KeyQuery& query) override;
 
+  // The most decoded keys kept at once; past that the oldest kept key is dropped.
+  static constexpr size_t kMaxKeptKeys = 8;
+  // How many decoded keys are kept now (for tests).
+  size_t keptKeyCount() const;
+
  private:
+  struct KeptKeys;
   bool loadStoreKey();
 
   std::shared_ptr<ItemStore> items_;
   std::filesystem::path keyFile_;
   SecretBytes storeKey_;
+  std::unique_ptr<KeptKeys> kept_;
 };
 
 }  // namespace corvane::linux

@@ -32,7 +32,7 @@ constexpr const char* kSchema[] = {
     "CREATE UNIQUE INDEX items_identity ON items("
     " account IS NULL, ifnull(account, ''), service IS NULL, ifnull(service, ''),"
     " access_group IS NULL, ifnull(access_group, ''))",
-    "CREATE INDEX items_by_service ON items(service, account, generic)",
+    "CREATE INDEX items_by_service ON items(service, account)",
     "CREATE INDEX items_by_account ON items(account, generic)",
     "CREATE INDEX items_by_label ON items(label, access_group)",
 };

@@ -154,6 +154,46 @@ TEST_F(OpenSslKeyStoreTest, TamperedRecordsFailToSign) {
   EXPECT_EQ(keys_.sign("tag", bytes("m"), nullptr), StoreStatus::ok);
 }
 
+// Decoded keys are kept only beside the exact record they came from: whatever happens to the
+// store behind the key store's back (another object replacing the key, an old record restored,
+// the item deleted), the key that signs is the one the stored record holds.
+TEST_F(OpenSslKeyStoreTest, KeptKeysNeverOutliveTheirRecord) {
+  const std::vector<uint8_t> message = bytes("challenge");
+  std::vector<uint8_t> first, second, third, signature;
+  ASSERT_EQ(keys_.generate("tag", {}, &first), StoreStatus::ok);
+  SecretBytes firstRecord;
+  ASSERT_EQ(items_->findFirst(recordQuery("tag"), &firstRecord), StoreStatus::ok);
+  ASSERT_EQ(keys_.generate("tag", {}, &second), StoreStatus::ok);
+  EXPECT_EQ(keys_.keptKeyCount(), 1u);
+
+  ASSERT_EQ(items_->update(recordQuery("tag"), firstRecord), StoreStatus::ok);
+  ASSERT_EQ(keys_.sign("tag", message, &signature), StoreStatus::ok);
+  EXPECT_TRUE(verifies(first, message, signature));
+  EXPECT_FALSE(verifies(second, message, signature));
+
+  OpenSslKeyStore other(items_, keyFile());
+  ASSERT_EQ(other.generate("tag", {}, &third), StoreStatus::ok);
+  ASSERT_EQ(keys_.sign("tag", message, &signature), StoreStatus::ok);
+  EXPECT_TRUE(verifies(third, message, signature));
+
+  ASSERT_EQ(items_->remove(recordQuery("tag")), StoreStatus::ok);
+  EXPECT_EQ(keys_.sign("tag", message, &signature), StoreStatus::notFound);
+  EXPECT_EQ(keys_.keptKeyCount(), 0u);
+
+  // The number kept is bounded, and every key still signs once it has been let go.
+  std::vector<std::vector<uint8_t>> spkis(OpenSslKeyStore::kMaxKeptKeys + 3);
+  for (size_t i = 0; i < spkis.size(); ++i) {
+    ASSERT_EQ(keys_.generate("k" + std::to_string(i), {}, &spkis[i]), StoreStatus::ok);
+  }
+  EXPECT_EQ(keys_.keptKeyCount(), OpenSslKeyStore::kMaxKeptKeys);
+  for (size_t i = 0; i < spkis.size(); ++i) {
+    ASSERT_EQ(keys_.sign("k" + std::to_string(i), message, &signature), StoreStatus::ok);
+    EXPECT_TRUE(verifies(spkis[i], message, signature)) << i;
+  }
+  EXPECT_EQ(keys_.removeTag("k0"), StoreStatus::ok);
+  EXPECT_EQ(keys_.keptKeyCount(), 0u);
+}
+
 TEST_F(OpenSslKeyStoreTest, RemoveMatchesAttributesAsWritten) {
   ASSERT_EQ(keys_.generate("k1", {std::nullopt, bytes("lib"), "G"}, nullptr), StoreStatus::ok);
   ASSERT_EQ(keys_.generate("k2", {std::nullopt, bytes("lib"), "H"}, nullptr), StoreStatus::ok);
