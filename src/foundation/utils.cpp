@@ -273,12 +273,15 @@ std::string randomStringWithLength(int64_t count) {
   // Rejection sampling keeps every character equally likely, as arc4random_uniform does.
   constexpr uint32_t kLimit = std::numeric_limits<uint32_t>::max() -
                               std::numeric_limits<uint32_t>::max() % kRandomAlphabet.size();
+  // One word per missing character: a word is refused about once in 70 million draws.
   uint32_t words[64];
   while (out.size() < length) {
-    if (RAND_bytes(reinterpret_cast<unsigned char*>(words), sizeof(words)) != 1) return {};
-    for (uint32_t w : words) {
-      if (w < kLimit && out.size() < length)
-        out.push_back(kRandomAlphabet[w % kRandomAlphabet.size()]);
+    const size_t wanted = std::min(length - out.size(), std::size(words));
+    if (RAND_bytes(reinterpret_cast<unsigned char*>(words), static_cast<int>(wanted * 4)) != 1) {
+      return {};
+    }
+    for (size_t i = 0; i < wanted; ++i) {
+      if (words[i] < kLimit) out.push_back(kRandomAlphabet[words[i] % kRandomAlphabet.size()]);
     }
   }
   return out;
