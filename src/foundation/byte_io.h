@@ -1,0 +1,102 @@
+// ByteWriter and ByteReader: little-endian integers, byte runs and TLV elements (a 16-bit tag, a
+// 16-bit length, then the value; both little-endian), as the UAF assertions are laid out.
+//
+// The writer appends; a nested element is opened, filled and closed, and its length is written
+// when it closes. The reader walks a span it does not own, advances only when a read succeeds, and
+// hands out an element's value as a sub-reader bounded to that value. Neither throws or reads
+// outside its bytes, so the reader is safe on untrusted input.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "foundation/utils.h"
+
+namespace corvane {
+
+class ByteWriter {
+ public:
+  ByteWriter() = default;
+  // Reserves room for `capacity` bytes up front.
+  explicit ByteWriter(size_t capacity) { bytes_.reserve(capacity); }
+
+  void addU8(uint8_t value) { bytes_.push_back(value); }
+  void addU16(uint16_t value);
+  void addU32(uint32_t value);
+  void addBytes(ByteView bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
+
+  // One whole element: tag, the low 16 bits of the value's length, the value.
+  void addElement(uint16_t tag, ByteView value);
+
+  // An open element: its tag and a zero length are written when it opens; close() (or the
+  // destructor) fills in the low 16 bits of the number of bytes written since. Lengths over
+  // 65,535 are cut, not refused, as the wire format has no room for them. Elements nest; close
+  // them in the reverse order of opening (scopes do that by themselves).
+  class Element {
+   public:
+    Element(ByteWriter& writer, uint16_t tag);
+    ~Element() { close(); }
+    Element(const Element&) = delete;
+    Element& operator=(const Element&) = delete;
+    // Idempotent.
+    void close();
+
+   private:
+    ByteWriter* writer_;
+    size_t lengthAt_;
+    bool open_ = true;
+  };
+  [[nodiscard]] Element openElement(uint16_t tag) { return Element(*this, tag); }
+
+  size_t size() const { return bytes_.size(); }
+  ByteView bytes() const { return bytes_; }
+  // Hands the bytes over and leaves the writer empty.
+  Bytes release() {
+    Bytes out;
+    out.swap(bytes_);
+    return out;
+  }
+
+ private:
+  Bytes bytes_;
+};
+
+struct TlvElement;
+
+class ByteReader {
+ public:
+  ByteReader() = default;
+  explicit ByteReader(ByteView data) : data_(data) {}
+
+  size_t remaining() const { return data_.size(); }
+  bool empty() const { return data_.empty(); }
+  // The bytes not read yet.
+  ByteView rest() const { return data_; }
+
+  // Each read either succeeds and advances, or fails (absent or false) and leaves the reader
+  // where it was.
+  std::optional<uint8_t> readU8();
+  std::optional<uint16_t> readU16();
+  std::optional<uint32_t> readU32();
+  std::optional<ByteView> readBytes(size_t count);
+  bool skip(size_t count);
+  // The next two bytes as a little-endian number, without advancing (the next element's tag).
+  std::optional<uint16_t> peekU16() const;
+
+  // One element of any tag. Fails when the header or the value is cut short.
+  std::optional<TlvElement> readElement();
+  // One element, only when its tag is `tag`; the value as a sub-reader.
+  std::optional<ByteReader> readElement(uint16_t tag);
+
+ private:
+  ByteView data_;
+};
+
+struct TlvElement {
+  uint16_t tag = 0;
+  ByteReader value;  // bounded to the value
+  ByteView whole;    // tag, length and value, as they stand in the input
+};
+
+}  // namespace corvane
