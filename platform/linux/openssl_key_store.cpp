@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "crypto/openssl_handles.h"
 #include "linux/private_paths.h"
 
 namespace corvane::linux {
@@ -34,19 +35,6 @@ constexpr std::string_view kAadContext = "corvane.keystore.v1";
 constexpr size_t kMaxPrivateKeyDer = 512;
 // Two DER INTEGERs of at most 33 bytes in a SEQUENCE.
 constexpr size_t kMaxSignatureSize = 72;
-
-struct PkeyDeleter {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct MdCtxDeleter {
-  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-struct CipherCtxDeleter {
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
-using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
 
 // A file descriptor closed at scope end.
 class Fd {

@@ -10,6 +10,8 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 
+#include "crypto/openssl_handles.h"
+
 namespace corvane {
 
 namespace keychain_status {
@@ -69,35 +71,6 @@ Error bioError(std::string_view what, int32_t status) {
   return Error::corvane(status, "Unable " + std::string(what) +
                                     " item to keychain with status : " + std::to_string(status));
 }
-
-struct PkeyDeleter {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct PkeyCtxDeleter {
-  void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-struct MdCtxDeleter {
-  void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
-};
-struct BnDeleter {
-  void operator()(BIGNUM* bn) const { BN_clear_free(bn); }
-};
-struct ParamBldDeleter {
-  void operator()(OSSL_PARAM_BLD* bld) const { OSSL_PARAM_BLD_free(bld); }
-};
-struct ParamDeleter {
-  void operator()(OSSL_PARAM* params) const { OSSL_PARAM_free(params); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxDeleter>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, MdCtxDeleter>;
-using BnPtr = std::unique_ptr<BIGNUM, BnDeleter>;
-using ParamBldPtr = std::unique_ptr<OSSL_PARAM_BLD, ParamBldDeleter>;
-using ParamPtr = std::unique_ptr<OSSL_PARAM, ParamDeleter>;
-struct PointDeleter {
-  void operator()(EC_POINT* point) const { EC_POINT_free(point); }
-};
-using PointPtr = std::unique_ptr<EC_POINT, PointDeleter>;
 
 // The P-256 group, built once: building it (and its Montgomery context) costs more than the
 // multiplication it serves. OpenSSL only reads a group during point arithmetic, so one immutable

@@ -18,6 +18,7 @@
 #include <tuple>
 
 #include "crypto/attestation_material.h"
+#include "crypto/openssl_handles.h"
 #include "foundation/byte_io.h"
 #include "storage/keychain_rig.h"
 #include "test_files.h"
@@ -28,15 +29,6 @@ namespace {
 
 using testing::KeychainRig;
 using testing::StoreKind;
-
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, Deleter<X509, X509_free>>;
-using StorePtr = std::unique_ptr<X509_STORE, Deleter<X509_STORE, X509_STORE_free>>;
-using StoreCtxPtr = std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX, X509_STORE_CTX_free>>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
 
 Bytes hex(std::string_view text) {
   return Utils::hexString2NSData(text);
@@ -284,8 +276,8 @@ TEST_F(TlvHelperTest, RegistrationAssertionParsesAndVerifiesAgainstTheRoot) {
   EXPECT_TRUE(verifiesWithCertificate(carried.get(), krdElement->whole, signature));
   EXPECT_FALSE(verifiesWithCertificate(carried.get(), krdElement->whole.subspan(4), signature));
 
-  StorePtr store(X509_STORE_new());
-  StoreCtxPtr context(X509_STORE_CTX_new());
+  X509StorePtr store(X509_STORE_new());
+  X509StoreCtxPtr context(X509_STORE_CTX_new());
   ASSERT_TRUE(store && context && X509_STORE_add_cert(store.get(), root_.get()) == 1);
   ASSERT_EQ(X509_STORE_CTX_init(context.get(), store.get(), carried.get(), nullptr), 1);
   EXPECT_EQ(X509_verify_cert(context.get()), 1)

@@ -21,6 +21,7 @@
 
 #include "crypto/aes_wb_helper.h"
 #include "crypto/attestation_material.h"
+#include "crypto/openssl_handles.h"
 #include "storage/keychain.h"
 #include "storage/keychain_rig.h"
 #include "test_support.h"
@@ -31,19 +32,6 @@ namespace {
 using testing::KeychainRig;
 using testing::StoreKind;
 using testing::TempDir;
-
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using X509Ptr = std::unique_ptr<X509, Deleter<X509, X509_free>>;
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO, BIO_free_all>>;
-using StorePtr = std::unique_ptr<X509_STORE, Deleter<X509_STORE, X509_STORE_free>>;
-using StoreCtxPtr = std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX, X509_STORE_CTX_free>>;
-using GroupPtr = std::unique_ptr<EC_GROUP, Deleter<EC_GROUP, EC_GROUP_free>>;
-using PointPtr = std::unique_ptr<EC_POINT, Deleter<EC_POINT, EC_POINT_free>>;
-using BnPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_clear_free>>;
-using MdCtxPtr = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
 
 const std::filesystem::path kMaterialDir = testing::resourcesDir() / "attestation";
 
@@ -88,8 +76,8 @@ std::string commonName(X509_NAME* name) {
 }
 
 bool chainVerifies(X509* root, X509* leaf) {
-  StorePtr store(X509_STORE_new());
-  StoreCtxPtr context(X509_STORE_CTX_new());
+  X509StorePtr store(X509_STORE_new());
+  X509StoreCtxPtr context(X509_STORE_CTX_new());
   if (!store || !context || (root != nullptr && X509_STORE_add_cert(store.get(), root) != 1)) {
     return false;
   }

@@ -18,28 +18,25 @@
 #include "corvane/secret_bytes.h"
 #include "crypto/aes_wb_helper.h"
 #include "crypto/attestation_material.h"
+#include "crypto/openssl_handles.h"
 
 namespace wbgen {
 
 namespace {
+
+using corvane::BioPtr;
+using corvane::BnPtr;
+using corvane::PkeyPtr;
+using corvane::X509ExtensionPtr;
+using corvane::X509Ptr;
+using corvane::X509StoreCtxPtr;
+using corvane::X509StorePtr;
 
 constexpr std::string_view kRootName = "Corvane Development Attestation Root (DEVELOPMENT ONLY)";
 constexpr std::string_view kAttestationName = "Corvane Development Attestation (DEVELOPMENT ONLY)";
 constexpr long kValidDays = 20 * 365 + 5;  // 20 years, leap days included
 constexpr size_t kPointSize = 65;
 constexpr size_t kScalarSize = 32;
-
-template <typename T, void (*Free)(T*)>
-struct Deleter {
-  void operator()(T* p) const { Free(p); }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY, EVP_PKEY_free>>;
-using X509Ptr = std::unique_ptr<X509, Deleter<X509, X509_free>>;
-using ExtPtr = std::unique_ptr<X509_EXTENSION, Deleter<X509_EXTENSION, X509_EXTENSION_free>>;
-using BnPtr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_clear_free>>;
-using BioPtr = std::unique_ptr<BIO, Deleter<BIO, BIO_free_all>>;
-using StorePtr = std::unique_ptr<X509_STORE, Deleter<X509_STORE, X509_STORE_free>>;
-using StoreCtxPtr = std::unique_ptr<X509_STORE_CTX, Deleter<X509_STORE_CTX, X509_STORE_CTX_free>>;
 
 PkeyPtr newP256Key() {
   static char kCurve[] = "P-256";
@@ -70,7 +67,7 @@ bool addExtension(X509* cert, X509* issuer, int nid, const char* value) {
   X509V3_CTX context;
   X509V3_set_ctx_nodb(&context);
   X509V3_set_ctx(&context, issuer, cert, nullptr, nullptr, 0);
-  ExtPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
+  X509ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value));
   return extension && X509_add_ext(cert, extension.get(), -1) == 1;
 }
 
@@ -123,8 +120,8 @@ std::optional<std::string> pem(X509* cert) {
 }
 
 bool verifies(X509* root, X509* leaf) {
-  StorePtr store(X509_STORE_new());
-  StoreCtxPtr context(X509_STORE_CTX_new());
+  X509StorePtr store(X509_STORE_new());
+  X509StoreCtxPtr context(X509_STORE_CTX_new());
   return store && context && X509_STORE_add_cert(store.get(), root) == 1 &&
          X509_STORE_CTX_init(context.get(), store.get(), leaf, nullptr) == 1 &&
          X509_verify_cert(context.get()) == 1;
