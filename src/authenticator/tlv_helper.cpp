@@ -96,9 +96,7 @@ void TlvHelper::addExtensions(ByteWriter& writer, const AssertionFields& fields)
   for (const Extension& extension : *fields.exts) {
     const uint16_t tag = extension.failIfUnknown.value_or(false) ? tlv::TAG_EXTENSION
                                                                  : tlv::TAG_EXTENSION_NON_CRITICAL;
-    ByteWriter::Element element = writer.openElement(tag);
-    writer.addElement(tlv::TAG_EXTENSION_ID, textOrEmpty(extension.extID));
-    writer.addElement(tlv::TAG_EXTENSION_DATA, textOrEmpty(extension.data));
+    writer.addElement(tag, getExtensionData(extension));
   }
 }
 
