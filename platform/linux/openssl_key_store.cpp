@@ -309,8 +309,9 @@ bool createKeyFile(const std::filesystem::path& file) {
 
 }  // namespace
 
-// Decoded keys of recently used tags, each with the sealed record it was decoded from and a
-// signing context made ready for it (ECDSA with SHA-256), oldest first. An entry answers only for
+// Decoded keys of the tags most recently generated or decoded, each with the sealed record it was
+// decoded from and a signing context made ready for it (ECDSA with SHA-256), in the order they were
+// kept; when the store is full the oldest entry makes room. An entry answers only for
 // a record that is byte-identical to its own (compared in constant time), so it can never stand
 // for a record that was replaced, moved or tampered with.
 struct OpenSslKeyStore::KeptKeys {

@@ -459,14 +459,11 @@ void Asm::authenticatorRegisterResponse(const RegisterResponseCommand* response,
 void Asm::authenticate(const AsmRequest& request) {
   const AuthenticateIn* args = std::get_if<AuthenticateIn>(&request.args);
   if (args == nullptr) {
-    tempAuthenticateIn_.reset();
     corvaneDelegate_.asmAuthenticateResponse(statusOnly(kStatusError),
                                              asmError(kStatusError, kInvalidArguments));
     return;
   }
-  tempAuthenticateIn_ = *args;
   const auto fail = [&](uint64_t status, Error error) {
-    tempAuthenticateIn_.reset();
     corvaneDelegate_.asmAuthenticateResponse(statusOnly(status), error);
   };
 
@@ -525,7 +522,6 @@ void Asm::authenticate(const AsmRequest& request) {
 
 void Asm::authenticatorSignResponse(const SignResponseCommand* response,
                                     const std::optional<Error>& error) {
-  tempAuthenticateIn_.reset();
   AsmResponse answer;
   std::optional<Error> answerError;
   if (response == nullptr) {

@@ -118,7 +118,6 @@ class Asm final : public AsmDelegate {
   std::string asmTokenTag_;
   std::optional<SecretBytes> asmToken_;  // the hexadecimal text of the token
   std::optional<RegisterIn> tempRegisterIn_;
-  std::optional<AuthenticateIn> tempAuthenticateIn_;
   Authenticators authenticators_;
 };
 
