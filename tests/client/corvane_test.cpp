@@ -43,16 +43,7 @@ struct Installation {
   }
 
   Platform platform() const {
-    Platform p;
-    p.itemStore = items;
-    p.keyStore = keys;
-    p.biometry = biometry;
-    p.hostBundle = host;
-    p.frameworkBundle = framework;
-    p.userDefaults = defaults;
-    p.clock = clock;
-    p.deviceInfo = device;
-    return p;
+    return Platform{items, keys, biometry, host, framework, defaults, clock, device};
   }
 
   std::unique_ptr<Corvane> build() { return std::make_unique<Corvane>(nullptr, platform()); }
@@ -206,13 +197,18 @@ TEST(CorvaneTest, GetTranslationTitles) {
   for (const auto& [kind, title] : cases) EXPECT_EQ(Corvane::getTranslation(kind), title) << kind;
 }
 
-TEST(CorvaneTest, VersionIsTheFrameworkBundlesAndMatchesTheProject) {
+// The version is the framework bundle's (never the host's); the model is read at each call.
+TEST(CorvaneTest, VersionAndDeviceModelComeFromTheirPorts) {
   Installation app;
   app.host->info.set("CFBundleShortVersionString", "9.9.9");
   app.framework->info.set("CFBundleShortVersionString", "1.2.3");
-  EXPECT_EQ(Corvane(nullptr, app.platform()).getRunningSDKVersion(), "1.2.3");
+  Corvane corvane(nullptr, app.platform());
+  EXPECT_EQ(corvane.getRunningSDKVersion(), "1.2.3");
   app.framework->info.erase("CFBundleShortVersionString");
   EXPECT_EQ(Corvane(nullptr, app.platform()).getRunningSDKVersion(), "");
+  EXPECT_EQ(corvane.getDeviceModelName(), "x86_64");
+  app.device->setModel("aarch64");
+  EXPECT_EQ(corvane.getDeviceModelName(), "aarch64");
 
   // The shipped bundle names the version the build was made as.
   std::shared_ptr<HostBundle> shipped =
@@ -221,14 +217,6 @@ TEST(CorvaneTest, VersionIsTheFrameworkBundlesAndMatchesTheProject) {
   Platform platform = app.platform();
   platform.frameworkBundle = shipped;
   EXPECT_EQ(Corvane(nullptr, platform).getRunningSDKVersion(), CORVANE_PROJECT_VERSION);
-}
-
-TEST(CorvaneTest, DeviceModelNameComesFromDeviceInfo) {
-  Installation app;
-  Corvane corvane(nullptr, app.platform());
-  EXPECT_EQ(corvane.getDeviceModelName(), "x86_64");
-  app.device->setModel("aarch64");
-  EXPECT_EQ(corvane.getDeviceModelName(), "aarch64");
 }
 
 // A thin wrapper: the message arrives as text, and text that is no JSON object is not malformed.
