@@ -1,5 +1,4 @@
-// Test doubles around the ASM: an authenticator that records the commands it gets and answers
-// through its AsmDelegate as scripted, and a CorvaneDelegate that records the ASM's answers.
+// An authenticator that records commands and answers as scripted; a delegate recording answers.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +14,6 @@ namespace corvane::testing {
 
 class ScriptedAuthenticator final : public AuthenticatorFeature {
  public:
-  // What the authenticator answers; `present` false hands the ASM a null response.
   template <typename Response>
   struct Answer {
     bool present = true;
@@ -26,12 +24,10 @@ class ScriptedAuthenticator final : public AuthenticatorFeature {
   ScriptedAuthenticator(AsmDelegate& delegate, uint64_t index)
       : delegate_(delegate), index_(index) {}
 
-  // The script. With `deferAnswers` set, answers wait for answerRegister() or answerSign().
   Answer<RegisterResponseCommand> registerAnswer;
   Answer<SignResponseCommand> signAnswer;
   bool deferAnswers = false;
   uint64_t supportStatus = 2;
-  // The history.
   std::vector<RegisterCommand> registerCommands;
   std::vector<SignCommand> signCommands;
 
@@ -39,11 +35,6 @@ class ScriptedAuthenticator final : public AuthenticatorFeature {
     delegate_.authenticatorRegisterResponse(
         registerAnswer.present ? &registerAnswer.response : nullptr, registerAnswer.error);
   }
-  void answerSign() {
-    delegate_.authenticatorSignResponse(signAnswer.present ? &signAnswer.response : nullptr,
-                                        signAnswer.error);
-  }
-  // Each double's hash carries its index, so a test sees which authenticator hashed.
   static Bytes hashOf(uint64_t index, std::string_view text) {
     const auto digest = Utils::sha256BackData(std::to_string(index) + ":" + std::string(text));
     return Bytes(digest.begin(), digest.end());
@@ -56,7 +47,8 @@ class ScriptedAuthenticator final : public AuthenticatorFeature {
   }
   void signWithCommand(const SignCommand& command) override {
     signCommands.push_back(command);
-    if (!deferAnswers) answerSign();
+    delegate_.authenticatorSignResponse(signAnswer.present ? &signAnswer.response : nullptr,
+                                        signAnswer.error);
   }
   uint64_t deregister(std::optional<std::string_view>) override { return 0; }
   std::string hash(std::string_view text) override { return Utils::sha256(text); }
@@ -71,7 +63,7 @@ class ScriptedAuthenticator final : public AuthenticatorFeature {
 class RecordingCorvaneDelegate final : public CorvaneDelegate {
  public:
   struct Answer {
-    bool authenticate;  // false: a registration answer
+    bool authenticate;
     AsmResponse response;
     std::optional<Error> error;
   };
