@@ -19,7 +19,7 @@ namespace {
 using corvane::ItemAttributes;
 using corvane::SecretBytes;
 using corvane::StoreStatus;
-using corvane::linux::SqliteItemStore;
+using corvane::linux_platform::SqliteItemStore;
 
 // Items shaped like the library's own: per-user accounts and services, one label and group.
 ItemAttributes benchItem(size_t i) {

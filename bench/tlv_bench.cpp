@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "authenticator/tlv_helper.h"
+#include "configuration/configuration.h"
 #include "crypto/attestation_material.h"
 #include "foundation/byte_io.h"
 #include "linux/bundle_directory.h"
@@ -23,7 +24,6 @@
 #include "linux/sqlite_item_store.h"
 #include "linux/user_defaults_file.h"
 #include "storage/keychain.h"
-#include "verification/configuration.h"
 
 namespace {
 
@@ -66,11 +66,11 @@ class Rig {
 
   std::filesystem::path root;
   std::shared_ptr<ItemStore> keyItems;
-  std::unique_ptr<linux::OpenSslKeyStore> keys;
+  std::unique_ptr<linux_platform::OpenSslKeyStore> keys;
   std::unique_ptr<ItemStore> items;
   std::unique_ptr<HostBundle> bundle;
   std::unique_ptr<UserDefaults> defaults;
-  linux::NoBiometry biometry;
+  linux_platform::NoBiometry biometry;
   std::unique_ptr<Configuration> configuration;
   WhiteboxAttestationKeySource attestation;
   std::unique_ptr<Keychain> keychain;
@@ -83,15 +83,18 @@ class Rig {
         (std::filesystem::temp_directory_path() / "corvane-bench-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) return nullptr;
     rig->root = pattern;
-    rig->keyItems = linux::SqliteItemStore::open(rig->root / "keys.sqlite", nullptr);
-    linux::SqliteItemStore::Options options;
-    options.defaultAccessGroup = linux::SqliteItemStore::defaultAccessGroupFor("com.example.bench");
-    rig->items = linux::SqliteItemStore::open(rig->root / "items.sqlite", options, nullptr);
-    rig->bundle = linux::BundleDirectory::open(
+    rig->keyItems = linux_platform::SqliteItemStore::open(rig->root / "keys.sqlite", nullptr);
+    linux_platform::SqliteItemStore::Options options;
+    options.defaultAccessGroup =
+        linux_platform::SqliteItemStore::defaultAccessGroupFor("com.example.bench");
+    rig->items =
+        linux_platform::SqliteItemStore::open(rig->root / "items.sqlite", options, nullptr);
+    rig->bundle = linux_platform::BundleDirectory::open(
         std::filesystem::path(CORVANE_SOURCE_DIR) / "resources", {"en"}, nullptr);
-    rig->defaults = linux::UserDefaultsFile::open(rig->root / "defaults.json", nullptr);
+    rig->defaults = linux_platform::UserDefaultsFile::open(rig->root / "defaults.json", nullptr);
     if (!rig->keyItems || !rig->items || !rig->bundle || !rig->defaults) return nullptr;
-    rig->keys = std::make_unique<linux::OpenSslKeyStore>(rig->keyItems, rig->root / "keystore.key");
+    rig->keys = std::make_unique<linux_platform::OpenSslKeyStore>(rig->keyItems,
+                                                                  rig->root / "keystore.key");
     rig->configuration =
         std::make_unique<Configuration>(*rig->bundle, *rig->bundle, *rig->defaults);
     rig->keychain = std::make_unique<Keychain>(*rig->items, *rig->keys, rig->biometry,

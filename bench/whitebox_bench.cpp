@@ -9,8 +9,8 @@
 
 #include "corvane/secret_bytes.h"
 #include "crypto/whitebox.h"
-#include "crypto/whitebox_generator.h"
 #include "crypto/whitebox_tables.h"
+#include "tablegen/whitebox_generator.h"
 
 namespace {
 

@@ -10,10 +10,8 @@
 // connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
 // defaults file, the CLOCK_BOOTTIME clock and uname for the device.
 //
-// The namespace is `corvane::linux`. In the GNU dialects (-std=gnu++20, g++'s default) `linux` is
-// a predefined macro; this header sets it aside while it declares its names and restores it after,
-// so it compiles in every dialect. Code built in a GNU dialect cannot spell `corvane::linux`
-// itself, so the same names are reachable as `corvane::linux_platform` in every dialect.
+// The namespace is `corvane::linux_platform`: the GNU dialects (-std=gnu++20, g++'s default)
+// predefine a macro `linux`, so a namespace of that name could not be spelled there.
 #pragma once
 
 #include <filesystem>
@@ -25,10 +23,7 @@
 #include "corvane/error.h"
 #include "corvane/platform_value.h"
 
-#pragma push_macro("linux")
-#undef linux
-
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 inline constexpr std::string_view kItemStoreFileName = "items.sqlite";
 inline constexpr std::string_view kKeyStoreKeyFileName = "keystore.key";
@@ -77,10 +72,4 @@ std::optional<std::filesystem::path> defaultDataDirectory(
 // Where `cmake --install` puts Corvane's bundle: "<prefix>/share/corvane/Corvane.bundle".
 std::filesystem::path defaultFrameworkBundleDirectory();
 
-}  // namespace corvane::linux
-
-namespace corvane {
-namespace linux_platform = linux;
-}  // namespace corvane
-
-#pragma pop_macro("linux")
+}  // namespace corvane::linux_platform

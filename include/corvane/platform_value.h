@@ -1,9 +1,10 @@
 // Platform: the set of port objects one Corvane object runs on.
 //
-// A host builds it once, from its own implementations or with corvane::linux::makePlatform, and
-// hands it to Corvane, which keeps it for its whole life. The ports are shared so that a host (or
-// a test) can keep a handle on one it wants to look at, and so that ports built over one another
-// (a key store that keeps its sealed keys in an item store) can share what they are built on.
+// A host builds it once, from its own implementations or with
+// corvane::linux_platform::makePlatform, and hands it to Corvane, which keeps it for its whole
+// life. The ports are shared so that a host (or a test) can keep a handle on one it wants to look
+// at, and so that ports built over one another (a key store that keeps its sealed keys in an item
+// store) can share what they are built on.
 #pragma once
 
 #include <memory>

@@ -2,7 +2,7 @@
 
 #include <time.h>
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -22,4 +22,4 @@ int64_t BoottimeClock::uptime() const {
   return 0;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

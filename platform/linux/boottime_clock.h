@@ -5,7 +5,7 @@
 
 #include "corvane/ports/clock.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 // Reads CLOCK_BOOTTIME: monotonic, counts the time spent in suspend, immune to settimeofday and
 // NTP steps. Should the kernel refuse CLOCK_BOOTTIME (older than 2.6.39, which a refusal never
@@ -17,4 +17,4 @@ class BoottimeClock final : public Clock {
   int64_t uptime() const override;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -12,7 +12,7 @@
 
 #include "corvane/status_codes.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -546,4 +546,4 @@ std::optional<fs::path> BundleDirectory::pathForResource(std::string_view name,
   return std::nullopt;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

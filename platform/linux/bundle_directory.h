@@ -18,7 +18,7 @@
 #include "corvane/platform.h"
 #include "foundation/utils.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 // The entries of one Localizable.strings file. Parsing stops at the first malformed point (bad
 // encoding, unterminated string or comment, missing "=" or ";"); the entries before it are kept
@@ -80,4 +80,4 @@ class BundleDirectory final : public HostBundle {
   std::vector<std::string> preferred_;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

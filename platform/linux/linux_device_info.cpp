@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -31,4 +31,4 @@ std::string LinuxDeviceInfo::systemVersion() const {
   return field(name.release);
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -5,7 +5,7 @@
 
 #include "corvane/ports/device_info.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 // modelIdentifier() is uname's `machine` field (the hardware name, such as "x86_64" or
 // "aarch64"), the counterpart of a phone's hardware model identifier. systemVersion() is uname's
@@ -20,4 +20,4 @@ class LinuxDeviceInfo final : public DeviceInfo {
   std::string systemVersion() const override;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

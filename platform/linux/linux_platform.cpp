@@ -23,7 +23,7 @@
 #error "CORVANE_FRAMEWORK_BUNDLE_DIR must name the installed framework bundle folder"
 #endif
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 static_assert(kDefaultTeamId == SqliteItemStore::kDefaultTeamId);
 static_assert(kKeyStoreKeyFileName == OpenSslKeyStore::kKeyFileName);
@@ -204,4 +204,4 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   return platform;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -1,6 +1,6 @@
 #include "linux/no_biometry.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 BiometryAvailability NoBiometry::availability() const {
   return BiometryAvailability::notAvailable;
@@ -23,4 +23,4 @@ BiometryStatus NoBiometry::readProtectedItem(std::span<const uint8_t>, std::stri
   return BiometryStatus::notAvailable;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -11,7 +11,7 @@
 
 #include "corvane/ports/biometry.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 class NoBiometry final : public BiometryPort {
  public:
@@ -24,4 +24,4 @@ class NoBiometry final : public BiometryPort {
                                    SecretBytes* value) override;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -17,7 +17,7 @@
 #include "crypto/openssl_handles.h"
 #include "linux/private_paths.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -474,4 +474,4 @@ StoreStatus OpenSslKeyStore::remove(const KeyQuery& query) {
   return removedAny ? StoreStatus::ok : StoreStatus::notFound;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -31,7 +31,7 @@
 #include "corvane/ports/key_store.h"
 #include "corvane/secret_bytes.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 class OpenSslKeyStore final : public KeyStore {
  public:
@@ -68,4 +68,4 @@ class OpenSslKeyStore final : public KeyStore {
   std::unique_ptr<KeptKeys> kept_;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -65,4 +65,4 @@ bool makeFilePrivate(const std::filesystem::path& file, Error* error) {
   return true;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

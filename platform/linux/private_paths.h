@@ -5,7 +5,7 @@
 
 #include "corvane/error.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 // Creates `directory` and its missing parents with mode 0700, then makes sure `directory` itself is
 // a real folder (not a symbolic link) owned by this user and exactly 0700, tightening it when it
@@ -16,4 +16,4 @@ bool makePrivateDirectory(const std::filesystem::path& directory, Error* error);
 // error for anything else (a symbolic link, another owner, a failing chmod).
 bool makeFilePrivate(const std::filesystem::path& file, Error* error);
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -14,7 +14,7 @@
 
 #include "linux/private_paths.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -496,4 +496,4 @@ std::vector<std::string> SqliteItemStore::queryPlan(Operation operation, const I
   return details;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

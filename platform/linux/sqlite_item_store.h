@@ -27,7 +27,7 @@
 #include "corvane/error.h"
 #include "corvane/ports/item_store.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 class SqliteItemStore final : public ItemStore {
  public:
@@ -93,4 +93,4 @@ class SqliteItemStore final : public ItemStore {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -14,7 +14,7 @@
 
 #include "corvane/status_codes.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 namespace {
 
@@ -224,4 +224,4 @@ bool UserDefaultsFile::writeLocked(Error* error) {
   return true;
 }
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -19,7 +19,7 @@
 #include "corvane/error.h"
 #include "corvane/platform.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 
 class UserDefaultsFile final : public UserDefaults {
  public:
@@ -53,4 +53,4 @@ class UserDefaultsFile final : public UserDefaults {
   std::unique_ptr<State> state_;
 };
 
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -22,12 +22,13 @@
 #include <string>
 #include <string_view>
 
-#include "asm/asm_interfaces.h"
 #include "asm/asm_records.h"
+#include "asm/corvane_delegate.h"
+#include "authenticator/authenticator_feature.h"
+#include "configuration/configuration.h"
 #include "corvane/error.h"
 #include "corvane/secret_bytes.h"
 #include "storage/keychain.h"
-#include "verification/configuration.h"
 
 namespace corvane {
 

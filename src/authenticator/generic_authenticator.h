@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "authenticator/authenticator_info.h"
-#include "verification/configuration.h"
+#include "configuration/configuration.h"
 
 namespace corvane {
 

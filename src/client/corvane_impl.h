@@ -3,12 +3,12 @@
 // of declaration is the order of construction and the object never moves.
 #pragma once
 
+#include "configuration/configuration.h"
 #include "corvane/corvane.h"
 #include "corvane/platform_value.h"
 #include "crypto/attestation_material.h"
 #include "storage/keychain.h"
-#include "verification/configuration.h"
-#include "verification/pattern_manager.h"
+#include "storage/pattern_manager.h"
 
 namespace corvane {
 

@@ -86,7 +86,8 @@ std::optional<std::string> encipherWithBuiltinTables(ByteView plain) {
 }
 
 std::optional<SecretBytes> WhiteboxAttestationKeySource::attestationKey() const {
-  return AesWBHelper::decryptAesWB(kEncipheredAttestationKey, Keychain::kAttestationKeySize);
+  return AesWBHelper::decryptAesWB(kEncipheredAttestationKey,
+                                   AttestationKeySource::kAttestationKeySize);
 }
 
 }  // namespace corvane

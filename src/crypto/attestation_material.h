@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "corvane/secret_bytes.h"
+#include "crypto/attestation_key_source.h"
 #include "foundation/utils.h"
-#include "storage/keychain.h"
 
 namespace corvane {
 

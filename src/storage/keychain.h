@@ -19,13 +19,14 @@
 #include <string_view>
 #include <vector>
 
+#include "configuration/configuration.h"
 #include "corvane/error.h"
 #include "corvane/ports/biometry.h"
 #include "corvane/ports/item_store.h"
 #include "corvane/ports/key_store.h"
 #include "corvane/secret_bytes.h"
+#include "crypto/attestation_key_source.h"
 #include "foundation/utils.h"
-#include "verification/configuration.h"
 
 namespace corvane {
 
@@ -44,15 +45,6 @@ int32_t fromStoreStatus(StoreStatus status);
 int32_t fromBiometryStatus(BiometryStatus status);
 }  // namespace keychain_status
 
-// Where the attestation private key comes from. The system carries it enciphered and deciphers it
-// for each signature; an implementation answers the 97 bytes 04 || X || Y || D (uncompressed
-// public point, then the private scalar), or absent when it cannot.
-class AttestationKeySource {
- public:
-  virtual ~AttestationKeySource() = default;
-  virtual std::optional<SecretBytes> attestationKey() const = 0;
-};
-
 class Keychain {
  public:
   // An argument that is absent (std::nullopt) is left out of the query, which widens the match.
@@ -68,7 +60,6 @@ class Keychain {
   // Accessibility written on every item (the platform's "when passcode set, this device only").
   static constexpr std::string_view kAccessibleWhenPasscodeSetThisDeviceOnly =
       "WhenPasscodeSetThisDeviceOnly";
-  static constexpr size_t kAttestationKeySize = 97;
 
   // A biometry-protected item query: the item's attributes, the binding and the prompt text.
   struct BioAuthQuery {

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
+#include "configuration/pattern_lock_policy.h"
 #include "corvane/ports/clock.h"
-#include "verification/pattern_lock_policy.h"
 
 namespace corvane {
 

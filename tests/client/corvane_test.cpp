@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "configuration/configuration.h"
 #include "fakes/fake_clock.h"
 #include "fakes/fake_device_info.h"
 #include "fakes/fake_host_bundle.h"
@@ -17,8 +18,7 @@
 #include "fakes/fake_user_defaults.h"
 #include "fakes/scripted_biometry.h"
 #include "storage/keychain.h"
-#include "verification/configuration.h"
-#include "verification/pattern_manager.h"
+#include "storage/pattern_manager.h"
 
 namespace corvane {
 namespace {

@@ -11,8 +11,8 @@
 
 #include "crypto/aes_wb_helper.h"
 #include "crypto/whitebox.h"
-#include "crypto/whitebox_generator.h"
 #include "crypto/whitebox_tables.h"
+#include "tablegen/whitebox_generator.h"
 
 namespace corvane {
 namespace {

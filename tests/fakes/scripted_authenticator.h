@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "asm/asm_interfaces.h"
+#include "authenticator/authenticator_feature.h"
 #include "foundation/utils.h"
 
 namespace corvane::testing {

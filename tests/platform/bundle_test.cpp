@@ -5,7 +5,7 @@
 #include "test_files.h"
 #include "test_support.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -166,4 +166,4 @@ TEST_F(BundleDirectoryTest, OpenFailures) {
 }
 
 }  // namespace
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

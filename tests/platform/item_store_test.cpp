@@ -21,7 +21,7 @@
 namespace corvane {
 namespace {
 
-using linux::SqliteItemStore;
+using linux_platform::SqliteItemStore;
 using testing::modeOf;
 using testing::TempDir;
 namespace fs = std::filesystem;

@@ -13,7 +13,7 @@
 namespace corvane {
 namespace {
 
-using linux::OpenSslKeyStore;
+using linux_platform::OpenSslKeyStore;
 using testing::FakeItemStore;
 using testing::TempDir;
 using testing::verifies;

@@ -9,13 +9,13 @@
 
 #include <gtest/gtest.h>
 
-// The header put the macro back as it found it.
-static_assert(linux == 1, "linux_platform.h must restore the linux macro");
+// The header leaves the macro as it found it.
+static_assert(linux == 1, "linux_platform.h must not touch the linux macro");
 
 namespace {
 
-// Code in a GNU dialect reaches the names through corvane::linux_platform.
-TEST(LinuxPlatformGnuDialectTest, NamesAreReachableThroughTheAlias) {
+// Code in a GNU dialect spells the namespace as every other code does.
+TEST(LinuxPlatformGnuDialectTest, NamesAreReachableWithTheMacroDefined) {
   corvane::linux_platform::LinuxPlatformOptions options;
   EXPECT_EQ(options.teamId, corvane::linux_platform::kDefaultTeamId);
   EXPECT_EQ(corvane::linux_platform::defaultFrameworkBundleDirectory().filename(),

@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
+#include "configuration/configuration.h"
 #include "storage/keychain.h"
 #include "test_files.h"
 #include "test_support.h"
-#include "verification/configuration.h"
 
 namespace corvane {
 namespace {
@@ -30,7 +30,7 @@ struct LinuxRig {
     options.teamId = "ABCDE12345";
   }
   testing::TempDir dir;
-  linux::LinuxPlatformOptions options;
+  linux_platform::LinuxPlatformOptions options;
 };
 
 // The bundle seed ID and items persist across reopening; files are 0600 in a 0700 folder.
@@ -38,7 +38,7 @@ TEST(LinuxPlatformTest, PortsPersistPrivately) {
   LinuxRig rig;
   for (int round = 0; round < 2; ++round) {
     Error error;
-    std::optional<Platform> p = linux::makePlatform(rig.options, &error);
+    std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
     ASSERT_TRUE(p) << error.localizedDescription();
     Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
     Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
@@ -65,7 +65,8 @@ TEST(LinuxPlatformTest, BadOptionsGiveAnErrorAndNoPlatform) {
         r.options.dataDirectory = r.dir.path() / "file" / "data";
       },
       [](LinuxRig& r) {
-        writeFile(*r.options.dataDirectory / linux::kItemStoreFileName, std::string(4096, 'x'));
+        writeFile(*r.options.dataDirectory / linux_platform::kItemStoreFileName,
+                  std::string(4096, 'x'));
       },
       [](LinuxRig& r) { r.options.hostBundleDirectory = r.dir.path() / "Missing.app"; },
       [](LinuxRig& r) { r.options.frameworkBundleDirectory = r.dir.path() / "Missing.bundle"; },
@@ -76,9 +77,9 @@ TEST(LinuxPlatformTest, BadOptionsGiveAnErrorAndNoPlatform) {
     LinuxRig rig;
     spoil(rig);
     Error error;
-    EXPECT_FALSE(linux::makePlatform(rig.options, &error));
+    EXPECT_FALSE(linux_platform::makePlatform(rig.options, &error));
     EXPECT_EQ(error.domain(), kCorvaneErrorDomain);
-    EXPECT_FALSE(linux::makePlatform(rig.options, nullptr));
+    EXPECT_FALSE(linux_platform::makePlatform(rig.options, nullptr));
   }
 }
 

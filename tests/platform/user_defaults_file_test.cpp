@@ -7,7 +7,7 @@
 #include "test_files.h"
 #include "test_support.h"
 
-namespace corvane::linux {
+namespace corvane::linux_platform {
 namespace {
 
 namespace fs = std::filesystem;
@@ -71,4 +71,4 @@ TEST_F(UserDefaultsFileTest, CorruptFileReadsEmptyUntilTheNextWrite) {
 }
 
 }  // namespace
-}  // namespace corvane::linux
+}  // namespace corvane::linux_platform

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "configuration/configuration.h"
 #include "corvane/secret_bytes.h"
 #include "fakes/fake_host_bundle.h"
 #include "fakes/fake_item_store.h"
@@ -16,7 +17,6 @@
 #include "linux/sqlite_item_store.h"
 #include "storage/keychain.h"
 #include "test_support.h"
-#include "verification/configuration.h"
 
 namespace corvane::testing {
 
@@ -40,10 +40,10 @@ class KeychainRig {
       fake_ = fake.get();
       items_ = std::move(fake);
     } else {
-      linux::SqliteItemStore::Options options;
-      options.synchronous = linux::SqliteItemStore::Synchronous::normal;
+      linux_platform::SqliteItemStore::Options options;
+      options.synchronous = linux_platform::SqliteItemStore::Synchronous::normal;
       options.defaultAccessGroup = group;
-      items_ = linux::SqliteItemStore::open(file(), options, nullptr);
+      items_ = linux_platform::SqliteItemStore::open(file(), options, nullptr);
     }
     host.identifier = std::string(kBundle);
     keychain = std::make_unique<Keychain>(*items_, keys, biometry, configuration);

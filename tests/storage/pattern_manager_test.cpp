@@ -1,4 +1,4 @@
-#include "verification/pattern_manager.h"
+#include "storage/pattern_manager.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "verification/configuration.h"
+#include "configuration/configuration.h"
 
 #include <vector>
 

@@ -1,6 +1,6 @@
-#include "verification/pattern_lock_policy.h"
+#include "configuration/pattern_lock_policy.h"
 
-#include "verification/configuration.h"
+#include "configuration/configuration.h"
 
 #include <limits>
 

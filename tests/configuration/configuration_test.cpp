@@ -1,4 +1,4 @@
-#include "verification/configuration.h"
+#include "configuration/configuration.h"
 
 #include <gtest/gtest.h>
 
@@ -178,7 +178,7 @@ TEST_F(ConfigurationTest, DevModeReadsBooleansNumbersAndTexts) {
 
 TEST(FrameworkResourcesTest, EnAndBaseTablesHaveEveryTextKey) {
   Error error;
-  auto bundle = linux::BundleDirectory::open(testing::resourcesDir(), {"en"}, &error);
+  auto bundle = linux_platform::BundleDirectory::open(testing::resourcesDir(), {"en"}, &error);
   ASSERT_NE(bundle, nullptr) << error.localizedDescription();
   for (const char* localization : {"en", "Base"}) {
     for (const texts::Key& key : texts::kAll) {

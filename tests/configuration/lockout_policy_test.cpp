@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "configuration/pattern_lock_policy.h"
 #include "fakes/fake_clock.h"
 #include "linux/boottime_clock.h"
-#include "verification/pattern_lock_policy.h"
 #include "verification/system_clock.h"
 
 namespace corvane {
@@ -180,7 +180,7 @@ TEST(LockoutClockTest, WaitsFollowTheClock) {
 }
 
 TEST(LockoutBoottimeClockTest, MonotonicMicrosecondsOfBoottime) {
-  linux::BoottimeClock clock;
+  linux_platform::BoottimeClock clock;
   struct timespec now {};
   ASSERT_EQ(clock_gettime(CLOCK_BOOTTIME, &now), 0);
   const int64_t start = SystemClock(clock).uptime();

@@ -1,8 +1,8 @@
-// The three interfaces between the client, the ASM and the authenticators.
+// The two interfaces between the ASM and the authenticators.
 //
 // AuthenticatorFeature: what every authenticator offers the ASM. Registration and signing answer
 // later through the AsmDelegate the authenticator was built with, possibly on another thread.
-// AsmDelegate: how authenticators answer the ASM. CorvaneDelegate: how the ASM answers the client.
+// AsmDelegate: how authenticators answer the ASM.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 
-#include "asm/asm_records.h"
 #include "authenticator/authenticator_info.h"
 #include "authenticator/commands.h"
 #include "corvane/error.h"
@@ -48,15 +47,6 @@ class AsmDelegate {
                                              const std::optional<Error>& error) = 0;
   virtual void authenticatorSignResponse(const SignResponseCommand* response,
                                          const std::optional<Error>& error) = 0;
-};
-
-class CorvaneDelegate {
- public:
-  virtual ~CorvaneDelegate() = default;
-  virtual void asmRegisterResponse(const AsmResponse& response,
-                                   const std::optional<Error>& error) = 0;
-  virtual void asmAuthenticateResponse(const AsmResponse& response,
-                                       const std::optional<Error>& error) = 0;
 };
 
 }  // namespace corvane

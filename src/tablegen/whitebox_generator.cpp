@@ -1,4 +1,4 @@
-#include "crypto/whitebox_generator.h"
+#include "tablegen/whitebox_generator.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
