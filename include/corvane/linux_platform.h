@@ -56,16 +56,17 @@ struct LinuxPlatformOptions {
 // Opens or creates every port. Absent, with the error, when the host bundle cannot be opened or
 // has no usable CFBundleIdentifier, the framework bundle cannot be opened, the team identifier is
 // malformed, or the data folder or a store in it cannot be made or opened.
-std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error* error);
+[[nodiscard]] std::optional<Platform> makePlatform(const LinuxPlatformOptions& options,
+                                                   Error* error);
 
 // "$XDG_DATA_HOME/corvane/<bundle identifier>" when XDG_DATA_HOME is an absolute path, else
 // "$HOME/.local/share/corvane/<bundle identifier>" (the home folder from the password database
 // when HOME is unset or relative). Absent, with the error, when the bundle identifier cannot be a
 // folder name (empty, ".", "..", or holding "/" or NUL) or no home folder is known.
-std::optional<std::filesystem::path> defaultDataDirectory(std::string_view bundleIdentifier,
-                                                          Error* error);
+[[nodiscard]] std::optional<std::filesystem::path> defaultDataDirectory(
+    std::string_view bundleIdentifier, Error* error);
 // The same rule over given values instead of the environment (absent for an unset variable).
-std::optional<std::filesystem::path> defaultDataDirectory(
+[[nodiscard]] std::optional<std::filesystem::path> defaultDataDirectory(
     std::string_view bundleIdentifier, std::optional<std::string_view> xdgDataHome,
     std::optional<std::string_view> home, Error* error);
 

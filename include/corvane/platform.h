@@ -49,15 +49,15 @@ class InfoValue {
 
   // Each accessor answers null or absent when the value is of another type.
   const std::string* string() const { return std::get_if<std::string>(&value_); }
-  std::optional<bool> boolean() const {
+  [[nodiscard]] std::optional<bool> boolean() const {
     const bool* flag = std::get_if<bool>(&value_);
     return flag != nullptr ? std::optional<bool>(*flag) : std::nullopt;
   }
-  std::optional<int64_t> integer() const {
+  [[nodiscard]] std::optional<int64_t> integer() const {
     const int64_t* number = std::get_if<int64_t>(&value_);
     return number != nullptr ? std::optional<int64_t>(*number) : std::nullopt;
   }
-  std::optional<double> real() const {
+  [[nodiscard]] std::optional<double> real() const {
     const double* number = std::get_if<double>(&value_);
     return number != nullptr ? std::optional<double>(*number) : std::nullopt;
   }
@@ -120,13 +120,13 @@ class HostBundle {
 
   // The value at `path` in the information dictionary (the first piece is a top-level key, each
   // following piece a member of the dictionary before it); absent when any step is missing.
-  virtual std::optional<InfoValue> infoValueAtPath(
+  [[nodiscard]] virtual std::optional<InfoValue> infoValueAtPath(
       std::span<const std::string_view> path) const = 0;
 
   // The text for `key` in the table of `localization` ("en", "fr", "Base", ...), or, when the
   // localization is absent, in the bundle's default lookup order. Absent when missing, so that
   // callers can fall back.
-  virtual std::optional<std::string> localizedString(
+  [[nodiscard]] virtual std::optional<std::string> localizedString(
       std::string_view key, std::optional<std::string_view> localization) const = 0;
 
   // The bundle's localizations in the order that best fits the user's languages; never "Base".
@@ -134,14 +134,16 @@ class HostBundle {
 
   // The file of a resource "<name>.<type>" (just "<name>" for an empty type); absent when the
   // bundle has no such file.
-  virtual std::optional<std::filesystem::path> pathForResource(std::string_view name,
-                                                               std::string_view type) const = 0;
+  [[nodiscard]] virtual std::optional<std::filesystem::path> pathForResource(
+      std::string_view name, std::string_view type) const = 0;
 
-  std::optional<InfoValue> infoValue(std::initializer_list<std::string_view> path) const {
+  [[nodiscard]] std::optional<InfoValue> infoValue(
+      std::initializer_list<std::string_view> path) const {
     return infoValueAtPath(std::span(path.begin(), path.size()));
   }
   // The text at `path`; absent when it is missing or not a text.
-  std::optional<std::string> infoString(std::initializer_list<std::string_view> path) const {
+  [[nodiscard]] std::optional<std::string> infoString(
+      std::initializer_list<std::string_view> path) const {
     std::optional<InfoValue> value = infoValue(path);
     if (!value || value->string() == nullptr) return std::nullopt;
     return *value->string();
@@ -159,12 +161,12 @@ class UserDefaults {
   virtual bool getBool(std::string_view key) const = 0;
   virtual void setBool(std::string_view key, bool value) = 0;
   // Absent when the key is absent or does not hold a text.
-  virtual std::optional<std::string> getString(std::string_view key) const = 0;
+  [[nodiscard]] virtual std::optional<std::string> getString(std::string_view key) const = 0;
   virtual void setString(std::string_view key, std::string_view value) = 0;
   virtual void remove(std::string_view key) = 0;
   // Writes pending changes to durable storage; false (and the error) when that fails, in which
   // case the changes stay pending and the next call tries again.
-  virtual bool synchronize(Error* error) = 0;
+  [[nodiscard]] virtual bool synchronize(Error* error) = 0;
 };
 
 }  // namespace corvane

@@ -39,7 +39,7 @@ struct Platform {
 
   // The name of the first port that is missing (the member name above), or absent when every
   // port is present.
-  std::optional<std::string_view> missingPort() const {
+  [[nodiscard]] std::optional<std::string_view> missingPort() const {
     if (!itemStore) return "itemStore";
     if (!keyStore) return "keyStore";
     if (!biometry) return "biometry";

@@ -78,34 +78,11 @@ void appendUtf8(std::string& out, uint32_t cp) {
 
 // Length of the longest prefix of `data` that is well-formed UTF-8 without NUL characters.
 size_t validUtf8Prefix(ByteView data) {
+  const std::string_view text = asText(data);
   size_t i = 0;
-  while (i < data.size()) {
-    uint8_t b = data[i];
-    size_t length;
-    uint32_t cp;
-    if (b == 0) return i;
-    if (b < 0x80) {
-      ++i;
-      continue;
-    } else if (b >= 0xC2 && b <= 0xDF) {
-      length = 2;
-      cp = b & 0x1F;
-    } else if (b >= 0xE0 && b <= 0xEF) {
-      length = 3;
-      cp = b & 0x0F;
-    } else if (b >= 0xF0 && b <= 0xF4) {
-      length = 4;
-      cp = b & 0x07;
-    } else {
-      return i;
-    }
-    if (i + length > data.size()) return i;
-    for (size_t k = 1; k < length; ++k) {
-      if ((data[i + k] & 0xC0) != 0x80) return i;
-      cp = (cp << 6) | (data[i + k] & 0x3F);
-    }
-    bool overlong = (length == 3 && cp < 0x800) || (length == 4 && cp < 0x10000);
-    if (overlong || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return i;
+  while (i < text.size() && text[i] != '\0') {
+    const size_t length = utf8SequenceLength(text, i);
+    if (length == 0) break;
     i += length;
   }
   return i;

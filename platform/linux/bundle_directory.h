@@ -36,7 +36,7 @@ StringsTable parseStringsTable(ByteView data);
 
 // Parses a property list whose root is a dictionary; absent (and the error) otherwise.
 // Members of types without an InfoValue counterpart (data, date) are left out.
-std::optional<InfoValue> parsePropertyList(ByteView data, Error* error);
+[[nodiscard]] std::optional<InfoValue> parsePropertyList(ByteView data, Error* error);
 
 class BundleDirectory final : public HostBundle {
  public:
@@ -57,18 +57,19 @@ class BundleDirectory final : public HostBundle {
   std::vector<std::string> localizations() const;
 
   std::string bundleIdentifier() const override;
-  std::optional<InfoValue> infoValueAtPath(std::span<const std::string_view> path) const override;
+  [[nodiscard]] std::optional<InfoValue> infoValueAtPath(
+      std::span<const std::string_view> path) const override;
   // Without a localization: the preferred localizations in order, then "Base"; the first table
   // that has the key answers.
-  std::optional<std::string> localizedString(
+  [[nodiscard]] std::optional<std::string> localizedString(
       std::string_view key, std::optional<std::string_view> localization) const override;
   // The localizations matching the user's languages (exactly, then by dropping trailing subtags),
   // followed by the development region ("CFBundleDevelopmentRegion", "en" when unset).
   std::vector<std::string> preferredLocalizations() const override;
   // Looks in the root first, then in the preferred localizations' folders and "Base.lproj". Names
   // with "/" or equal to "." or ".." are refused.
-  std::optional<std::filesystem::path> pathForResource(std::string_view name,
-                                                       std::string_view type) const override;
+  [[nodiscard]] std::optional<std::filesystem::path> pathForResource(
+      std::string_view name, std::string_view type) const override;
 
  private:
   BundleDirectory() = default;

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "corvane/status_codes.h"
+#include "foundation/private_paths.h"
 #include "linux/boottime_clock.h"
 #include "linux/bundle_directory.h"
 #include "linux/linux_device_info.h"
 #include "linux/no_biometry.h"
 #include "linux/openssl_key_store.h"
-#include "linux/private_paths.h"
 #include "linux/sqlite_item_store.h"
 #include "linux/user_defaults_file.h"
 

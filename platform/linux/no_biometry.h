@@ -17,7 +17,7 @@ class NoBiometry final : public BiometryPort {
  public:
   BiometryAvailability availability() const override;
   BiometryType biometryType() const override;
-  std::optional<std::vector<uint8_t>> enrolmentState() const override;
+  [[nodiscard]] std::optional<std::vector<uint8_t>> enrolmentState() const override;
   BiometryStatus protectItem(const SecretBytes& value, BiometryBinding binding,
                              std::vector<uint8_t>* protectedForm) override;
   BiometryStatus readProtectedItem(std::span<const uint8_t> protectedForm, std::string_view prompt,

@@ -15,7 +15,8 @@
 #include <unistd.h>
 
 #include "crypto/openssl_handles.h"
-#include "linux/private_paths.h"
+#include "foundation/private_paths.h"
+#include "foundation/utils.h"
 
 namespace corvane::linux_platform {
 
@@ -65,10 +66,6 @@ void appendField(std::vector<uint8_t>& out, std::span<const uint8_t> bytes) {
   out.insert(out.end(), bytes.begin(), bytes.end());
 }
 
-std::span<const uint8_t> bytesOf(std::string_view text) {
-  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
 // Clear header of a record: version, presence flags, then each present attribute with its length.
 std::vector<uint8_t> encodeHeader(const KeyAttributes& attributes) {
   std::vector<uint8_t> header{kRecordVersion, 0};
@@ -82,7 +79,7 @@ std::vector<uint8_t> encodeHeader(const KeyAttributes& attributes) {
   }
   if (attributes.accessGroup) {
     header[1] |= kHasAccessGroup;
-    appendField(header, bytesOf(*attributes.accessGroup));
+    appendField(header, asBytes(*attributes.accessGroup));
   }
   return header;
 }
@@ -130,7 +127,7 @@ std::optional<ParsedRecord> parseRecord(std::span<const uint8_t> record) {
 
 std::vector<uint8_t> associatedData(std::string_view tag, std::span<const uint8_t> header) {
   std::vector<uint8_t> aad(kAadContext.begin(), kAadContext.end());
-  appendField(aad, bytesOf(tag));
+  appendField(aad, asBytes(tag));
   aad.insert(aad.end(), header.begin(), header.end());
   return aad;
 }
@@ -240,8 +237,7 @@ ItemAttributes itemFor(std::string_view tag) {
   ItemAttributes item;
   item.account = std::string(tag);
   item.service = std::string(OpenSslKeyStore::kService);
-  item.label =
-      std::vector<uint8_t>(OpenSslKeyStore::kItemLabel.begin(), OpenSslKeyStore::kItemLabel.end());
+  item.label = toBytes(OpenSslKeyStore::kItemLabel);
   return item;
 }
 

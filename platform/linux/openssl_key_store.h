@@ -60,7 +60,7 @@ class OpenSslKeyStore final : public KeyStore {
 
  private:
   struct KeptKeys;
-  bool loadStoreKey();
+  [[nodiscard]] bool loadStoreKey();
 
   std::shared_ptr<ItemStore> items_;
   std::filesystem::path keyFile_;

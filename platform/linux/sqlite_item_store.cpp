@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "linux/private_paths.h"
+#include "foundation/private_paths.h"
 
 namespace corvane::linux_platform {
 
@@ -229,7 +229,9 @@ struct SqliteItemStore::Impl {
       if (run(commit.get()) == StoreStatus::ok) return status;
       status = StoreStatus::storeError;
     }
-    if (!sqlite3_get_autocommit(db.get())) run(rollback.get());
+    // A rollback that fails leaves SQLite to roll back when the connection next moves on; the
+    // status is the failure already being reported.
+    if (!sqlite3_get_autocommit(db.get())) static_cast<void>(run(rollback.get()));
     return status;
   }
 

@@ -77,7 +77,7 @@ class SqliteItemStore final : public ItemStore {
   StoreStatus addAll(std::span<const std::pair<ItemAttributes, SecretBytes>> items);
 
   // True when SQLite's integrity check of the whole file answers "ok".
-  bool checkIntegrity();
+  [[nodiscard]] bool checkIntegrity();
 
   // The statements behind the query operations, for EXPLAIN QUERY PLAN.
   enum class Operation { findFirst, listServices, listAccounts, update, remove, findAttributes };

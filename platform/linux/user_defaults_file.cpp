@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "corvane/status_codes.h"
+#include "foundation/private_paths.h"
 
 namespace corvane::linux_platform {
 
@@ -27,28 +28,6 @@ constexpr size_t kMaxFileSize = 4 * 1024 * 1024;
 Error ioError(const std::string& what, const fs::path& path, int err) {
   return Error::corvane(code(CorvaneStatusCode::UNKNOWN),
                         what + " " + path.string() + ": " + std::strerror(err));
-}
-
-// Creates every missing folder of `folder` with mode 0700; existing folders are left as they are.
-bool createFolders(const fs::path& folder, Error* error) {
-  fs::path prefix;
-  for (const fs::path& part : folder) {
-    prefix /= part;
-    struct stat info {};
-    if (::stat(prefix.c_str(), &info) == 0) {
-      if (!S_ISDIR(info.st_mode)) {
-        setError(error, ioError("not a folder:", prefix, ENOTDIR));
-        return false;
-      }
-      continue;
-    }
-    if (::mkdir(prefix.c_str(), 0700) != 0 && errno != EEXIST) {
-      setError(error, ioError("cannot create folder", prefix, errno));
-      return false;
-    }
-    ::chmod(prefix.c_str(), 0700);  // in case the umask took bits away
-  }
-  return true;
 }
 
 enum class ReadResult { Missing, Read, Unreadable };
@@ -95,7 +74,8 @@ UserDefaultsFile::UserDefaultsFile(fs::path path, std::unique_ptr<State> state)
 
 UserDefaultsFile::~UserDefaultsFile() {
   std::lock_guard lock(state_->mutex);
-  if (state_->dirty) writeLocked(nullptr);
+  // A destructor cannot report; a failed write leaves the file as it was.
+  if (state_->dirty) static_cast<void>(writeLocked(nullptr));
 }
 
 std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, Error* error) {
@@ -104,7 +84,7 @@ std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, E
                                    "user defaults path has no file name: " + path.string()));
     return nullptr;
   }
-  if (path.has_parent_path() && !createFolders(path.parent_path(), error)) return nullptr;
+  if (path.has_parent_path() && !makePrivateDirectory(path.parent_path(), error)) return nullptr;
 
   auto state = std::make_unique<State>();
   std::string text;

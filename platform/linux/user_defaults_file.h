@@ -33,11 +33,11 @@ class UserDefaultsFile final : public UserDefaults {
 
   bool getBool(std::string_view key) const override;
   void setBool(std::string_view key, bool value) override;
-  std::optional<std::string> getString(std::string_view key) const override;
+  [[nodiscard]] std::optional<std::string> getString(std::string_view key) const override;
   void setString(std::string_view key, std::string_view value) override;
   void remove(std::string_view key) override;
   // True without touching the file when nothing changed since the last successful write.
-  bool synchronize(Error* error) override;
+  [[nodiscard]] bool synchronize(Error* error) override;
 
   const std::filesystem::path& path() const { return path_; }
   // True when the file existed at opening but could not be read as a JSON object, until the next
@@ -47,7 +47,7 @@ class UserDefaultsFile final : public UserDefaults {
  private:
   struct State;
   UserDefaultsFile(std::filesystem::path path, std::unique_ptr<State> state);
-  bool writeLocked(Error* error);
+  [[nodiscard]] bool writeLocked(Error* error);
 
   std::filesystem::path path_;
   std::unique_ptr<State> state_;

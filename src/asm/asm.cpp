@@ -77,34 +77,6 @@ std::string joined(std::string_view first, std::string_view second) {
   return text;
 }
 
-// Length of the well-formed UTF-8 sequence at `at`, or 0 when the bytes there are not one (bad lead
-// byte, overlong form, surrogate, beyond U+10FFFF, cut short).
-size_t utf8SequenceLength(std::string_view text, size_t at) {
-  const auto byte = [&](size_t i) -> unsigned {
-    return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0x100u;
-  };
-  const auto inRange = [](unsigned b, unsigned low, unsigned high) {
-    return b >= low && b <= high;
-  };
-  const unsigned lead = byte(0);
-  if (lead < 0x80) return 1;
-  if (inRange(lead, 0xC2, 0xDF)) return inRange(byte(1), 0x80, 0xBF) ? 2 : 0;
-  if (inRange(lead, 0xE0, 0xEF)) {
-    const unsigned low = lead == 0xE0 ? 0xA0 : 0x80;
-    const unsigned high = lead == 0xED ? 0x9F : 0xBF;
-    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) ? 3 : 0;
-  }
-  if (inRange(lead, 0xF0, 0xF4)) {
-    const unsigned low = lead == 0xF0 ? 0x90 : 0x80;
-    const unsigned high = lead == 0xF4 ? 0x8F : 0xBF;
-    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) &&
-                   inRange(byte(3), 0x80, 0xBF)
-               ? 4
-               : 0;
-  }
-  return 0;
-}
-
 // Appends `text` as a JSON string, escaped as nlohmann::json writes it: quote, backslash and the
 // control characters escaped (short forms where JSON has them, else \u00xx), everything else,
 // "/" and non-ASCII included, as it is. False when the text is not valid UTF-8.
@@ -276,33 +248,43 @@ Asm::Asm(CorvaneDelegate& corvaneDelegate, Keychain& keychain, const Configurati
       configuration_(configuration),
       facetID_(std::move(facetID)),
       asmTokenTag_(facetID_ + ".asmToken") {
-  loadAsmToken();
+  // A token that cannot be read now is read again at the first registration or authentication.
+  static_cast<void>(loadAsmToken());
   if (makeAuthenticators) authenticators_ = makeAuthenticators(*this);
 }
 
-void Asm::loadAsmToken() {
+Result<void> Asm::loadAsmToken() {
   const Keychain::Attribute account = kAsmTokenAccount;
   const Keychain::Attribute service = asmTokenTag_;
-  std::optional<SecretBytes> stored =
+  Result<std::optional<SecretBytes>> read =
       keychain_.findGenericPasswordWithAccount(account, service, std::nullopt);
+  if (!read) return asmError(kStatusError, kStoreFailed);
+  std::optional<SecretBytes> stored = std::move(*read);
   if (!stored || stored->empty()) {
     std::optional<Bytes> drawn = Utils::randomBytesWithLength(kAsmTokenSize);
-    if (!drawn) return;
+    if (!drawn) return {};
     SecretBytes fresh(*drawn);
     OPENSSL_cleanse(drawn->data(), drawn->size());
     // An empty value can only be a damaged item: it is replaced. A missing one is added, and when
     // that fails the item is read once more, as another Asm may have added it meanwhile.
-    const bool kept =
+    const StoreStatus kept =
         stored ? keychain_.insertOrUpdateGenericPasswordWithAccount(account, service, std::nullopt,
                                                                     fresh)
                : keychain_.insertGenericPasswordWithAccount(account, service, std::nullopt, fresh);
-    stored = kept ? std::optional<SecretBytes>(std::move(fresh))
-                  : keychain_.findGenericPasswordWithAccount(account, service, std::nullopt);
-    if (!stored || stored->empty()) return;
+    if (kept == StoreStatus::ok) {
+      stored = std::move(fresh);
+    } else {
+      Result<std::optional<SecretBytes>> again =
+          keychain_.findGenericPasswordWithAccount(account, service, std::nullopt);
+      if (!again) return asmError(kStatusError, kStoreFailed);
+      stored = std::move(*again);
+    }
+    if (!stored || stored->empty()) return {};
   }
   std::string hex = hexadecimalString(stored->exposeSecret());
   asmToken_ = SecretBytes::fromText(hex);
   wipe(hex);
+  return {};
 }
 
 std::optional<std::string> Asm::makeKHAccessToken(std::string_view appID, std::string_view asmToken,
@@ -329,7 +311,10 @@ std::optional<std::string> Asm::khAccessTokenFor(const std::optional<std::string
   // Read again at every use: when the store has been wiped meanwhile (deregister all, a changed
   // biometric enrolment) a new token is made and stored rather than one kept only in memory.
   asmToken_.reset();
-  loadAsmToken();
+  if (Result<void> loaded = loadAsmToken(); !loaded) {
+    setError(error, loaded.error());
+    return std::nullopt;
+  }
   if (!asmToken_) {
     setError(error, asmError(kStatusError, kNoAsmToken));
     return std::nullopt;
@@ -346,11 +331,14 @@ AuthenticatorFeature* Asm::authenticatorFor(uint64_t userVerification) const {
   return it == authenticators_.end() ? nullptr : it->second.get();
 }
 
-void Asm::deregisterUserHash(const std::string& userHash) {
+bool Asm::deregisterUserHash(const std::string& userHash) {
   const std::string account = joined(userHash, GenericAuthenticator::kAaid);
-  keychain_.deleteGenericPasswordWithAccount(account, std::nullopt, joined(kAsmData, userHash));
-  keychain_.deleteGenericPasswordWithAccount(account, std::nullopt,
-                                             joined(kAuthenticatorData, userHash));
+  bool kept = true;
+  for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+    kept &= keychain_.deleteGenericPasswordWithAccount(
+                account, std::nullopt, joined(prefix, userHash)) != StoreStatus::storeError;
+  }
+  return kept;
 }
 
 void Asm::executeWithAsmRequest(const AsmRequest& request) {
@@ -441,9 +429,9 @@ void Asm::authenticatorRegisterResponse(const RegisterResponseCommand* response,
     const std::string userHash = Utils::sha256(registerIn->username.value_or(""));
     if (!record) {
       failWith(kInvalidText);
-    } else if (!keychain_.insertOrUpdateGenericPasswordWithAccount(
+    } else if (keychain_.insertOrUpdateGenericPasswordWithAccount(
                    joined(userHash, *response->krd->aaid), joined(kAsmData, keyID),
-                   joined(kAsmData, userHash), *record)) {
+                   joined(kAsmData, userHash), *record) != StoreStatus::ok) {
       failWith(kCannotStoreRecord);
     } else {
       RegisterOut out;
@@ -477,7 +465,11 @@ void Asm::authenticate(const AsmRequest& request) {
   const std::string generic = joined(kAsmData, userHash);
   std::optional<SecretBytes> stored;
   for (const std::string& keyID : args->keyIDs.value_or(std::vector<std::string>())) {
-    stored = keychain_.findGenericPasswordWithAccount(account, joined(kAsmData, keyID), generic);
+    Result<std::optional<SecretBytes>> found =
+        keychain_.findGenericPasswordWithAccount(account, joined(kAsmData, keyID), generic);
+    // A store that cannot be read says nothing about enrolment.
+    if (!found) return fail(kStatusError, asmError(kStatusError, kStoreFailed));
+    stored = std::move(*found);
     if (stored) break;
   }
   if (!stored) return fail(kStatusNotEnrolled, asmError(kStatusNotEnrolled, kNoRegistrationData));
@@ -493,7 +485,8 @@ void Asm::authenticate(const AsmRequest& request) {
 
   if (!GenericAuthenticator::checkUserVerificationActive(*userVerification, configuration_)) {
     // The registration can never be used while the method is switched off: the user's records go.
-    deregisterUserHash(userHash);
+    // Whether they could be deleted or not, the answer is the same.
+    static_cast<void>(deregisterUserHash(userHash));
     return fail(kStatusNoActive, asmError(kStatusNoActive, kAuthenticatorNotActive));
   }
   AuthenticatorFeature* authenticator = authenticatorFor(*userVerification);
@@ -575,14 +568,15 @@ AsmResponse Asm::getRegistrations(const AsmRequest& request) {
   const std::string userHash = Utils::sha256(args->username.value_or(""));
   const std::string account = joined(userHash, GenericAuthenticator::kAaid);
   const std::string generic = joined(kAsmData, userHash);
-  std::optional<std::vector<std::string>> services =
+  Result<std::vector<std::string>> services =
       keychain_.findGenericPasswordServicesDescWithAccount(account, generic);
-  if (!services || services->empty()) return statusOnly(kStatusNotEnrolled);
+  if (!services) return statusOnly(kStatusError);
+  if (services->empty()) return statusOnly(kStatusNotEnrolled);
 
-  std::optional<SecretBytes> stored =
+  Result<std::optional<SecretBytes>> stored =
       keychain_.findGenericPasswordWithAccount(account, services->front(), generic);
-  if (!stored) return statusOnly(kStatusError);
-  std::optional<nlohmann::json> record = parseRecord(*stored, nullptr);
+  if (!stored || !*stored) return statusOnly(kStatusError);
+  std::optional<nlohmann::json> record = parseRecord(**stored, nullptr);
   if (!record) return statusOnly(kStatusError);
   const AtExit wipeRecord([&] { wipeSecretMembers(*record); });
 
@@ -611,26 +605,29 @@ AsmResponse Asm::deregister(const AsmRequest& request) {
   const bool hasUser = args->username && !args->username->empty();
   const bool hasKeyID = args->keyID && !args->keyID->empty();
 
+  // Nothing matching is a success; a failing store is not.
+  bool kept = true;
+  const auto note = [&kept](StoreStatus status) { kept &= status != StoreStatus::storeError; };
   if (hasUser) {
     const std::string userHash = Utils::sha256(*args->username);
     if (!hasKeyID) {
-      deregisterUserHash(userHash);
+      kept = deregisterUserHash(userHash);
     } else {
       const std::string account = joined(userHash, GenericAuthenticator::kAaid);
       for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
-        keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, *args->keyID),
-                                                   joined(prefix, userHash));
+        note(keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, *args->keyID),
+                                                        joined(prefix, userHash)));
       }
     }
   } else if (hasKeyID) {
     for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
-      keychain_.deleteGenericPasswordWithAccount(std::nullopt, joined(prefix, *args->keyID),
-                                                 std::nullopt);
+      note(keychain_.deleteGenericPasswordWithAccount(std::nullopt, joined(prefix, *args->keyID),
+                                                      std::nullopt));
     }
   } else {
-    keychain_.deregAllDatas();
+    note(keychain_.deregAllDatas());
   }
-  return statusOnly(kStatusOk);
+  return statusOnly(kept ? kStatusOk : kStatusError);
 }
 
 }  // namespace corvane

@@ -28,6 +28,7 @@
 #include "configuration/configuration.h"
 #include "corvane/error.h"
 #include "corvane/secret_bytes.h"
+#include "foundation/result.h"
 #include "storage/keychain.h"
 
 namespace corvane {
@@ -60,6 +61,7 @@ class Asm final : public AsmDelegate {
   static constexpr std::string_view kIncompleteResponse = "incomplete registration response.";
   static constexpr std::string_view kNoPendingRegistration = "no registration in progress.";
   static constexpr std::string_view kCannotStoreRecord = "cannot store registration data.";
+  static constexpr std::string_view kStoreFailed = "the item store failed.";
 
   // Reads or makes the ASM token of `facetID` and makes the authenticators. The delegate, the
   // Keychain and the configuration must outlive the Asm.
@@ -82,7 +84,8 @@ class Asm final : public AsmDelegate {
   void authenticate(const AsmRequest& request);
   AsmResponse getInfo(const AsmRequest& request);
   AsmResponse getRegistrations(const AsmRequest& request);
-  // Status 0 for any DeregisterIn; status 1 when the arguments are of another kind.
+  // Status 0 for any DeregisterIn, whether or not something matched; status 1 when the arguments
+  // are of another kind or the store failed.
   AsmResponse deregister(const AsmRequest& request);
 
   void authenticatorRegisterResponse(const RegisterResponseCommand* response,
@@ -97,20 +100,23 @@ class Asm final : public AsmDelegate {
   // The KHAccessToken: compact JSON with the members "appID", "asmToken", "callerId" in this
   // order, escaped as nlohmann::json writes strings ("/" and non-ASCII left as they are). Absent,
   // with error code 1, when a text is not valid UTF-8.
-  static std::optional<std::string> makeKHAccessToken(std::string_view appID,
-                                                      std::string_view asmToken,
-                                                      std::string_view callerId, Error* error);
+  [[nodiscard]] static std::optional<std::string> makeKHAccessToken(std::string_view appID,
+                                                                    std::string_view asmToken,
+                                                                    std::string_view callerId,
+                                                                    Error* error);
 
  private:
   // Reads the ASM token item, or makes and stores one; leaves asmToken_ absent when the Keychain
-  // can neither give nor keep one.
-  void loadAsmToken();
+  // can neither give nor keep one. An error when the store could not be read: then nothing is
+  // written, since the token that could not be read may well exist.
+  Result<void> loadAsmToken();
   // The KHAccessToken of `appID`, or absent with the error to answer with.
-  std::optional<std::string> khAccessTokenFor(const std::optional<std::string>& appID,
-                                              Error* error);
+  [[nodiscard]] std::optional<std::string> khAccessTokenFor(const std::optional<std::string>& appID,
+                                                            Error* error);
   AuthenticatorFeature* authenticatorFor(uint64_t userVerification) const;
-  // Deletes every ASM and authenticator record of the user hash `userHash`.
-  void deregisterUserHash(const std::string& userHash);
+  // Deletes every ASM and authenticator record of the user hash `userHash`; false when the store
+  // failed.
+  bool deregisterUserHash(const std::string& userHash);
 
   CorvaneDelegate& corvaneDelegate_;
   Keychain& keychain_;

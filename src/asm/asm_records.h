@@ -104,7 +104,7 @@ struct AsmRequest {
   // "getInfo", "registration", "authenticate", "deregister", "getRegistrations", "openSettings".
   static std::span<const std::string_view> listAllRequestType();
   // The name at position requestType; absent when requestType is 6 or more.
-  std::optional<std::string_view> requestTypeCommand() const;
+  [[nodiscard]] std::optional<std::string_view> requestTypeCommand() const;
 };
 
 struct AsmResponse {

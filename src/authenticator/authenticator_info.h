@@ -49,8 +49,8 @@ struct AuthenticatorInfo {
 
   static constexpr std::string_view kModelName = "AuthenticatorInfo";
   static std::span<const jsonmodel::Property<AuthenticatorInfo>> properties();
-  static std::optional<AuthenticatorInfo> fromJson(const nlohmann::json& json,
-                                                   Error* error = nullptr);
+  [[nodiscard]] static std::optional<AuthenticatorInfo> fromJson(const nlohmann::json& json,
+                                                                 Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const AuthenticatorInfo&) const = default;
@@ -79,7 +79,8 @@ struct Authenticator {
 
   static constexpr std::string_view kModelName = "Authenticator";
   static std::span<const jsonmodel::Property<Authenticator>> properties();
-  static std::optional<Authenticator> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<Authenticator> fromJson(const nlohmann::json& json,
+                                                             Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const Authenticator&) const = default;

@@ -29,7 +29,7 @@ class GenericAuthenticator {
   static const std::map<uint64_t, std::string>& listAllUserVerificationString();
   // 0 for an unknown name.
   static uint64_t getUserVerificationWithString(std::string_view name);
-  static std::optional<std::string> userVerificationString(uint64_t index);
+  [[nodiscard]] static std::optional<std::string> userVerificationString(uint64_t index);
   // Whether the method is switched on in the host's configuration; any index other than 1 and 2
   // is active.
   static bool checkUserVerificationActive(uint64_t index, const Configuration& configuration);

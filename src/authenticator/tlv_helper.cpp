@@ -57,8 +57,7 @@ Bytes TlvHelper::encodeIntUint32(uint64_t value) {
 }
 
 Bytes TlvHelper::getBytes(std::string_view text) {
-  const ByteView bytes = asBytes(text);
-  return Bytes(bytes.begin(), bytes.end());
+  return toBytes(text);
 }
 
 std::string TlvHelper::randomStringWithLength(int64_t count) {

@@ -101,9 +101,9 @@ class TlvHelper {
   static Bytes getCounters(uint64_t signCounter, uint64_t regCounter, bool isReg);
 
   // ECDSA P-256 with SHA-256 (DER) with the user's key; absent when the key store cannot sign.
-  std::optional<Bytes> getSignature(ByteView data, std::string_view privateTagString);
+  [[nodiscard]] std::optional<Bytes> getSignature(ByteView data, std::string_view privateTagString);
   // The same with the attestation key.
-  std::optional<Bytes> getSignatureBasicFull(ByteView data);
+  [[nodiscard]] std::optional<Bytes> getSignatureBasicFull(ByteView data);
 
   // Little-endian: the low 8 bits; the low 16 bits; four bytes of which only the low 16 bits of
   // the value are kept (so 65,536 is 00 00 00 00), which is how the counters are written.

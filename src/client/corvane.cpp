@@ -15,10 +15,11 @@ Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform pl
   // application are not trusted. Otherwise, once, give every user enrolled before the last-pattern
   // record existed a last pattern, so that the reuse check has something to compare with.
   if (impl_) {
+    // Neither step can be reported from here; a failed one leaves the stores as they were.
     if (!isInstalled()) {
-      impl_->keychain.resetAllKeyChain();
+      static_cast<void>(impl_->keychain.resetAllKeyChain());
     } else if (!isFirstInitialed()) {
-      impl_->patternManager.updateLastPatternForTheFirstTime();
+      static_cast<void>(impl_->patternManager.updateLastPatternForTheFirstTime());
     }
   }
   authUIControllerDelegate_ = std::move(delegate);
@@ -49,7 +50,7 @@ bool Corvane::isInstalled() {
     defaults.setBool(kUserDefaultsInstalledKey, true);
     defaults.setBool(kUserDefaultsInitiatedKey, true);
     // A failed flush keeps the flags pending in memory; the next flush writes them.
-    defaults.synchronize(nullptr);
+    static_cast<void>(defaults.synchronize(nullptr));
   }
   return installed;
 }
@@ -60,7 +61,7 @@ bool Corvane::isFirstInitialed() {
   const bool initiated = defaults.getBool(kUserDefaultsInitiatedKey);
   if (!initiated) {
     defaults.setBool(kUserDefaultsInitiatedKey, true);
-    defaults.synchronize(nullptr);
+    static_cast<void>(defaults.synchronize(nullptr));
   }
   return initiated;
 }
@@ -88,7 +89,7 @@ void Corvane::setLanguage(std::optional<std::string_view> language,
   UserDefaults& defaults = *impl_->platform.userDefaults;
   if (!language || language->empty()) {
     defaults.remove(kUserDefaultsPreferredLanguageKey);
-    defaults.synchronize(nullptr);
+    static_cast<void>(defaults.synchronize(nullptr));
     return;
   }
   std::string tag(*language);
@@ -96,7 +97,7 @@ void Corvane::setLanguage(std::optional<std::string_view> language,
     if (part && !part->empty()) tag.append("-").append(*part);
   }
   defaults.setString(kUserDefaultsPreferredLanguageKey, tag);
-  defaults.synchronize(nullptr);
+  static_cast<void>(defaults.synchronize(nullptr));
 }
 
 std::string Corvane::getTranslation(std::string_view kind) {

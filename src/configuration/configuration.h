@@ -175,10 +175,11 @@ class Configuration {
   static bool isMessageInvalid(std::optional<std::string_view> text, std::string_view key);
 
   // The colour under `key` in the host's "zandrel_fido_sdk_color", else in the framework's.
-  std::optional<Color> getColorFromInfoPlistWithKey(std::string_view key) const;
+  [[nodiscard]] std::optional<Color> getColorFromInfoPlistWithKey(std::string_view key) const;
   // "#RRGGBB" (opaque) or "#AARRGGBB"; the first character is skipped whatever it is and hex digits
   // are read until the first other character. Absent for any other length.
-  static std::optional<Color> colorFromHexString(std::optional<std::string_view> text);
+  [[nodiscard]] static std::optional<Color> colorFromHexString(
+      std::optional<std::string_view> text);
 
   // Whether user verification 1 (biometry) or 2 (pattern) is switched on; only the text "N" in the
   // host's own settings switches one off. Every other index is always on.
@@ -187,17 +188,17 @@ class Configuration {
   bool isPatternLockActive() const { return checkUserVerificationActive(2); }
 
   // The lockout policy text: the host's, else the framework's; absent when neither has one.
-  std::optional<std::string> getPatternLockoutPolicy() const;
+  [[nodiscard]] std::optional<std::string> getPatternLockoutPolicy() const;
   // True when the reuse check is "Y" (the host's setting, else the framework's).
   bool isCheckPatternReused() const;
   // The host's non-empty level, else the framework's non-empty level, else absent.
-  std::optional<std::string> getBiometricSecurityLevel() const;
+  [[nodiscard]] std::optional<std::string> getBiometricSecurityLevel() const;
   // True only for the level "Convenience" (any enrolled biometry).
   bool isBiometricSecurityLevelConvenience() const;
   // The host's non-empty page name, else "transaction_dialog_default".
   std::string getTxViewName() const;
   // The transaction page file: the host's named "html" resource, else the framework's default.
-  std::optional<std::filesystem::path> getTxViewPath() const;
+  [[nodiscard]] std::optional<std::filesystem::path> getTxViewPath() const;
   // The host's development switch: a true boolean, a non-zero number, or a text that starts (after
   // blanks, a sign and zeros) with Y, y, T, t or a digit 1-9. False when absent.
   bool isDevMode() const;
@@ -206,8 +207,8 @@ class Configuration {
   const HostBundle& framework() const { return framework_; }
 
  private:
-  std::optional<std::string> hostSetting(std::string_view key) const;
-  std::optional<std::string> frameworkSetting(std::string_view key) const;
+  [[nodiscard]] std::optional<std::string> hostSetting(std::string_view key) const;
+  [[nodiscard]] std::optional<std::string> frameworkSetting(std::string_view key) const;
 
   const HostBundle& host_;
   const HostBundle& framework_;

@@ -48,11 +48,12 @@ bool matchesPatternLockPolicyGrammar(std::string_view text);
 // kMaxPatternLockPolicyTextLength, matches neither expression, ends in "|", has a field that is
 // not a decimal or does not fit in 64 bits, or expands to more than kMaxPatternLockPolicyRounds
 // rounds. A segment with more than three fields uses only the first three.
-std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(
+[[nodiscard]] std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(
     std::optional<std::string_view> text);
 
 class Configuration;
 // The configured policy (host first, then the framework's own), parsed as above.
-std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(const Configuration& config);
+[[nodiscard]] std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(
+    const Configuration& config);
 
 }  // namespace corvane

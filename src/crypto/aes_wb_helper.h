@@ -23,19 +23,20 @@ struct AesWBHelper {
   // byte is passed through the external encoding of its position. `iv` is 32 hex characters.
   // Absent when the IV is not 32 hex characters, a table has the wrong size, or the external
   // encoding is not 16 byte permutations (no output is made from unusable inputs).
-  static std::optional<Bytes> encryptAesWB(ByteView plain, std::string_view iv,
-                                           std::span<const uint32_t> tyboxes,
-                                           std::span<const uint8_t> tboxesLast,
-                                           std::span<const uint32_t> mbl,
-                                           std::span<const uint8_t> externalEncoding);
+  [[nodiscard]] static std::optional<Bytes> encryptAesWB(ByteView plain, std::string_view iv,
+                                                         std::span<const uint32_t> tyboxes,
+                                                         std::span<const uint8_t> tboxesLast,
+                                                         std::span<const uint32_t> mbl,
+                                                         std::span<const uint8_t> externalEncoding);
   // The same with a parsed per-user table set.
-  static std::optional<Bytes> encryptAesWB(ByteView plain, std::string_view iv,
-                                           const whitebox::WhiteboxUserTables& tables);
+  [[nodiscard]] static std::optional<Bytes> encryptAesWB(
+      ByteView plain, std::string_view iv, const whitebox::WhiteboxUserTables& tables);
 
   // Deciphers `length` bytes given as 2 * length hex characters with the built-in tables and
   // kBuiltinIV. Absent when the text is not exactly 2 * length hex characters, length is 0, or the
   // built-in set is unusable.
-  static std::optional<SecretBytes> decryptAesWB(std::string_view cipherHexString, size_t length);
+  [[nodiscard]] static std::optional<SecretBytes> decryptAesWB(std::string_view cipherHexString,
+                                                               size_t length);
 
   // The first 32 characters of the SHA-256 hex digest of `text`.
   static std::string generateIV(std::string_view text);

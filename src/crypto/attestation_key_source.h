@@ -17,7 +17,7 @@ class AttestationKeySource {
   static constexpr size_t kAttestationKeySize = 97;
 
   virtual ~AttestationKeySource() = default;
-  virtual std::optional<SecretBytes> attestationKey() const = 0;
+  [[nodiscard]] virtual std::optional<SecretBytes> attestationKey() const = 0;
 };
 
 }  // namespace corvane

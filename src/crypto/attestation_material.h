@@ -25,13 +25,13 @@ ByteView attestationCertificateDer();
 // CFB encryption with the built-in table set, the fixed IV and no output encoding: the inverse of
 // AesWBHelper::decryptAesWB. Returns 2 * plain.size() lower-case hex characters; absent when
 // `plain` is empty or the built-in set is unusable. Used to encipher an attestation key.
-std::optional<std::string> encipherWithBuiltinTables(ByteView plain);
+[[nodiscard]] std::optional<std::string> encipherWithBuiltinTables(ByteView plain);
 
 // The attestation key source of a build: deciphers kEncipheredAttestationKey with the built-in
 // tables on every call. The deciphered bytes exist only in the returned SecretBytes.
 class WhiteboxAttestationKeySource : public AttestationKeySource {
  public:
-  std::optional<SecretBytes> attestationKey() const override;
+  [[nodiscard]] std::optional<SecretBytes> attestationKey() const override;
 };
 
 }  // namespace corvane

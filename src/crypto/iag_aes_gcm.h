@@ -77,13 +77,16 @@ class IAGAesGcm {
   // Encrypts `plainData` under `key` (16, 24 or 32 bytes: AES-128/192/256) and authenticates it
   // together with `additionalAuthenticatedData`. Error 1 for unsupported lengths (checked first),
   // error 0 for a bad key length or a block-cipher failure.
-  static std::optional<IAGCipheredData> cipheredDataByAuthenticatedEncryptingPlainData(
-      ByteView plainData, ByteView additionalAuthenticatedData, size_t authenticationTagLength,
-      ByteView initializationVector, ByteView key, Error* error);
+  [[nodiscard]] static std::optional<IAGCipheredData>
+  cipheredDataByAuthenticatedEncryptingPlainData(ByteView plainData,
+                                                 ByteView additionalAuthenticatedData,
+                                                 size_t authenticationTagLength,
+                                                 ByteView initializationVector, ByteView key,
+                                                 Error* error);
 
   // Recomputes the tag over the received buffer and compares it with the received tag over the
   // tag's length in constant time. Error 2 on a mismatch, without releasing any plaintext.
-  static std::optional<SecretBytes> plainDataByAuthenticatedDecryptingCipheredData(
+  [[nodiscard]] static std::optional<SecretBytes> plainDataByAuthenticatedDecryptingCipheredData(
       const IAGCipheredData& cipheredData, ByteView additionalAuthenticatedData,
       ByteView initializationVector, ByteView key, Error* error);
 
@@ -95,20 +98,21 @@ class IAGAesGcm {
    public:
     // Error 0 when the key is not 16, 24 or 32 bytes long or OpenSSL fails. `backend` pins the
     // GHASH implementation (tests use it to exercise the portable one).
-    static std::optional<Context> create(ByteView key, Error* error,
-                                         gf128::Backend backend = gf128::Backend::kAuto);
+    [[nodiscard]] static std::optional<Context> create(
+        ByteView key, Error* error, gf128::Backend backend = gf128::Backend::kAuto);
 
     Context(Context&&) noexcept;
     Context& operator=(Context&&) noexcept;
     ~Context();
 
-    std::optional<IAGCipheredData> seal(ByteView plainData, ByteView additionalAuthenticatedData,
-                                        size_t authenticationTagLength,
-                                        ByteView initializationVector, Error* error);
+    [[nodiscard]] std::optional<IAGCipheredData> seal(ByteView plainData,
+                                                      ByteView additionalAuthenticatedData,
+                                                      size_t authenticationTagLength,
+                                                      ByteView initializationVector, Error* error);
 
-    std::optional<SecretBytes> open(const IAGCipheredData& cipheredData,
-                                    ByteView additionalAuthenticatedData,
-                                    ByteView initializationVector, Error* error);
+    [[nodiscard]] std::optional<SecretBytes> open(const IAGCipheredData& cipheredData,
+                                                  ByteView additionalAuthenticatedData,
+                                                  ByteView initializationVector, Error* error);
 
     gf128::Backend ghashBackend() const { return ghashKey_.backend(); }
 

@@ -31,32 +31,35 @@ namespace whitebox {
 // kExternalEncodingCount bytes); the feedback register keeps the unencoded byte. `output` must be
 // at least as long as `input`; it may be the same buffer. False, with nothing written, on a wrong
 // size.
-bool cfbEncrypt(const WhiteboxNetwork& network, std::span<const uint8_t, 16> iv, ByteView input,
-                std::span<uint8_t> output, std::span<const uint8_t> externalEncoding);
+[[nodiscard]] bool cfbEncrypt(const WhiteboxNetwork& network, std::span<const uint8_t, 16> iv,
+                              ByteView input, std::span<uint8_t> output,
+                              std::span<const uint8_t> externalEncoding);
 // CFB-128 decryption through `network`; no external decoding. Same size rules as cfbEncrypt.
-bool cfbDecrypt(const WhiteboxNetwork& network, std::span<const uint8_t, 16> iv, ByteView input,
-                std::span<uint8_t> output);
+[[nodiscard]] bool cfbDecrypt(const WhiteboxNetwork& network, std::span<const uint8_t, 16> iv,
+                              ByteView input, std::span<uint8_t> output);
 
 }  // namespace whitebox
 
 // Per-user encryption: the user's Tyboxes, TboxesLast, MBL and external encoding with the built-in
 // authXor. False, with `output` untouched, when a table has the wrong size, the encoding is not 16
 // permutations, `output` is shorter than `input`, or the built-in set is unusable.
-bool aes_whitebox_encrypt_cfb(std::span<const uint8_t, 16> iv, ByteView input,
-                              std::span<uint8_t> output, std::span<const uint32_t> tyboxes,
-                              std::span<const uint8_t> tboxesLast, std::span<const uint32_t> mbl,
-                              std::span<const uint8_t> externalEncoding);
+[[nodiscard]] bool aes_whitebox_encrypt_cfb(std::span<const uint8_t, 16> iv, ByteView input,
+                                            std::span<uint8_t> output,
+                                            std::span<const uint32_t> tyboxes,
+                                            std::span<const uint8_t> tboxesLast,
+                                            std::span<const uint32_t> mbl,
+                                            std::span<const uint8_t> externalEncoding);
 
 // Decryption with the built-in table set. False, with `output` untouched, when `output` is shorter
 // than `input` or the built-in set is unusable.
-bool aes_whitebox_decrypt_cfb(std::span<const uint8_t, 16> iv, ByteView input,
-                              std::span<uint8_t> output);
+[[nodiscard]] bool aes_whitebox_decrypt_cfb(std::span<const uint8_t, 16> iv, ByteView input,
+                                            std::span<uint8_t> output);
 
 // Reads `count` bytes written as 2 * count hexadecimal digits (either case) into the start of
 // `output`. When the text has another length, the count is 0, `output` is shorter than `count` or a
 // character is not a hex digit, `output` is left untouched and the result is false; `label` names
 // the value in the error message ("iv-or-nonce", "cipherHexString").
-bool read_hex(std::string_view hex, std::span<uint8_t> output, size_t count, std::string_view label,
-              Error* error = nullptr);
+[[nodiscard]] bool read_hex(std::string_view hex, std::span<uint8_t> output, size_t count,
+                            std::string_view label, Error* error = nullptr);
 
 }  // namespace corvane

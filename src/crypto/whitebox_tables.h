@@ -36,7 +36,7 @@ inline constexpr size_t kExternalEncodingCount = 16 * 256;          // permutati
 class XorTables {
  public:
   // Absent unless `entries` holds exactly kXorEntryCount values, each below 16.
-  static std::optional<XorTables> validate(std::span<const uint8_t> entries);
+  [[nodiscard]] static std::optional<XorTables> validate(std::span<const uint8_t> entries);
   const uint8_t* data() const { return data_; }
 
  private:
@@ -62,14 +62,14 @@ struct PackedXor;
 // may be shared (the built-in authXor is packed once per process). Movable, not copyable.
 class WhiteboxNetwork {
  public:
-  static std::optional<WhiteboxNetwork> make(const XorTables& xorTables,
-                                             std::span<const uint32_t> tyboxes,
-                                             std::span<const uint8_t> tboxesLast,
-                                             std::span<const uint32_t> mbl);
-  // The same with the built-in authXor; absent also when the built-in set is unusable.
-  static std::optional<WhiteboxNetwork> withBuiltinAuthXor(std::span<const uint32_t> tyboxes,
+  [[nodiscard]] static std::optional<WhiteboxNetwork> make(const XorTables& xorTables,
+                                                           std::span<const uint32_t> tyboxes,
                                                            std::span<const uint8_t> tboxesLast,
                                                            std::span<const uint32_t> mbl);
+  // The same with the built-in authXor; absent also when the built-in set is unusable.
+  [[nodiscard]] static std::optional<WhiteboxNetwork> withBuiltinAuthXor(
+      std::span<const uint32_t> tyboxes, std::span<const uint8_t> tboxesLast,
+      std::span<const uint32_t> mbl);
 
   WhiteboxNetwork(WhiteboxNetwork&&) noexcept;
   WhiteboxNetwork& operator=(WhiteboxNetwork&&) noexcept;
@@ -88,10 +88,9 @@ class WhiteboxNetwork {
   };
   WhiteboxNetwork(std::shared_ptr<const PackedXor> packedXor,
                   std::unique_ptr<Rounds, RoundsDeleter> rounds);
-  static std::optional<WhiteboxNetwork> build(std::shared_ptr<const PackedXor> packedXor,
-                                              std::span<const uint32_t> tyboxes,
-                                              std::span<const uint8_t> tboxesLast,
-                                              std::span<const uint32_t> mbl);
+  [[nodiscard]] static std::optional<WhiteboxNetwork> build(
+      std::shared_ptr<const PackedXor> packedXor, std::span<const uint32_t> tyboxes,
+      std::span<const uint8_t> tboxesLast, std::span<const uint32_t> mbl);
   std::shared_ptr<const PackedXor> xor_;
   std::unique_ptr<Rounds, RoundsDeleter> rounds_;
 };
@@ -107,18 +106,18 @@ class WhiteboxUserTables {
   // nested arrays of unsigned 32-bit integers, "TboxesLast" and "permutations" as [16][256] nested
   // arrays of bytes, every permutation a bijection. Absent on any other shape or value, and when
   // the built-in set is unusable.
-  static std::optional<WhiteboxUserTables> fromJson(const nlohmann::json& data1,
-                                                    const nlohmann::json& data2);
+  [[nodiscard]] static std::optional<WhiteboxUserTables> fromJson(const nlohmann::json& data1,
+                                                                  const nlohmann::json& data2);
   // The same from the JSON texts.
-  static std::optional<WhiteboxUserTables> fromJsonText(ByteView data1Json, ByteView data2Json);
+  [[nodiscard]] static std::optional<WhiteboxUserTables> fromJsonText(ByteView data1Json,
+                                                                      ByteView data2Json);
   // The same from the data1 and data2 texts as the server sends them (base64url of gzip).
-  static std::optional<WhiteboxUserTables> fromBundle(std::string_view data1,
-                                                      std::string_view data2);
+  [[nodiscard]] static std::optional<WhiteboxUserTables> fromBundle(std::string_view data1,
+                                                                    std::string_view data2);
   // From flat arrays of the exact sizes; absent on any other size or a non-permutation encoding.
-  static std::optional<WhiteboxUserTables> fromArrays(std::span<const uint32_t> tyboxes,
-                                                      std::span<const uint8_t> tboxesLast,
-                                                      std::span<const uint32_t> mbl,
-                                                      std::span<const uint8_t> externalEncoding);
+  [[nodiscard]] static std::optional<WhiteboxUserTables> fromArrays(
+      std::span<const uint32_t> tyboxes, std::span<const uint8_t> tboxesLast,
+      std::span<const uint32_t> mbl, std::span<const uint8_t> externalEncoding);
 
   const WhiteboxNetwork& network() const { return network_; }
   std::span<const uint8_t> externalEncoding() const { return *encoding_; }

@@ -76,18 +76,18 @@ class ByteReader {
 
   // Each read either succeeds and advances, or fails (absent or false) and leaves the reader
   // where it was.
-  std::optional<uint8_t> readU8();
-  std::optional<uint16_t> readU16();
-  std::optional<uint32_t> readU32();
-  std::optional<ByteView> readBytes(size_t count);
-  bool skip(size_t count);
+  [[nodiscard]] std::optional<uint8_t> readU8();
+  [[nodiscard]] std::optional<uint16_t> readU16();
+  [[nodiscard]] std::optional<uint32_t> readU32();
+  [[nodiscard]] std::optional<ByteView> readBytes(size_t count);
+  [[nodiscard]] bool skip(size_t count);
   // The next two bytes as a little-endian number, without advancing (the next element's tag).
-  std::optional<uint16_t> peekU16() const;
+  [[nodiscard]] std::optional<uint16_t> peekU16() const;
 
   // One element of any tag. Fails when the header or the value is cut short.
-  std::optional<TlvElement> readElement();
+  [[nodiscard]] std::optional<TlvElement> readElement();
   // One element, only when its tag is `tag`; the value as a sub-reader.
-  std::optional<ByteReader> readElement(uint16_t tag);
+  [[nodiscard]] std::optional<ByteReader> readElement(uint16_t tag);
 
  private:
   ByteView data_;

@@ -34,41 +34,15 @@ bool isBase64urlCharacter(char c) {
 // Decodes one UTF-8 sequence at `pos`; returns the code point and advances, or returns -1 and
 // advances one byte for a malformed sequence.
 int32_t nextCodePoint(std::string_view text, size_t& pos) {
+  const size_t length = utf8SequenceLength(text, pos);
+  if (length == 0) {
+    ++pos;
+    return -1;
+  }
   const auto lead = static_cast<uint8_t>(text[pos]);
-  if (lead < 0x80) {
-    ++pos;
-    return lead;
-  }
-  size_t extra = 0;
-  int32_t cp = 0;
-  int32_t minimum = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    extra = 1, cp = lead & 0x1F, minimum = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    extra = 2, cp = lead & 0x0F, minimum = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    extra = 3, cp = lead & 0x07, minimum = 0x10000;
-  } else {
-    ++pos;
-    return -1;
-  }
-  if (pos + extra >= text.size()) {
-    ++pos;
-    return -1;
-  }
-  for (size_t i = 1; i <= extra; ++i) {
-    const auto c = static_cast<uint8_t>(text[pos + i]);
-    if ((c & 0xC0) != 0x80) {
-      ++pos;
-      return -1;
-    }
-    cp = (cp << 6) | (c & 0x3F);
-  }
-  if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-    ++pos;
-    return -1;
-  }
-  pos += extra + 1;
+  int32_t cp = length == 1 ? lead : lead & (0x7F >> length);
+  for (size_t i = 1; i < length; ++i) cp = (cp << 6) | (static_cast<uint8_t>(text[pos + i]) & 0x3F);
+  pos += length;
   return cp;
 }
 
@@ -93,57 +67,16 @@ bool isWhitespaceOrNewline(int32_t cp) {
 }  // namespace
 
 std::string Utils::base64URLSafeStringFromData(ByteView data) {
-  static constexpr std::string_view kUrlAlphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-  std::string out;
-  out.reserve((data.size() + 2) / 3 * 4);
-  size_t i = 0;
-  for (; i + 3 <= data.size(); i += 3) {
-    const uint32_t v = (uint32_t{data[i]} << 16) | (uint32_t{data[i + 1]} << 8) | data[i + 2];
-    out.push_back(kUrlAlphabet[(v >> 18) & 63]);
-    out.push_back(kUrlAlphabet[(v >> 12) & 63]);
-    out.push_back(kUrlAlphabet[(v >> 6) & 63]);
-    out.push_back(kUrlAlphabet[v & 63]);
-  }
-  const size_t rest = data.size() - i;
-  if (rest != 0) {
-    uint32_t v = uint32_t{data[i]} << 16;
-    if (rest == 2) v |= uint32_t{data[i + 1]} << 8;
-    out.push_back(kUrlAlphabet[(v >> 18) & 63]);
-    out.push_back(kUrlAlphabet[(v >> 12) & 63]);
-    if (rest == 2) out.push_back(kUrlAlphabet[(v >> 6) & 63]);
-  }
+  std::string out(base64UrlLength(data.size()), '\0');
+  encodeBase64Url(data, out);
   return out;
 }
 
 std::optional<Bytes> Utils::decodeBase64Url(std::string_view text) {
-  std::string padded(text);
-  for (char& c : padded) {
-    if (c == '_')
-      c = '/';
-    else if (c == '-')
-      c = '+';
-  }
-  if (padded.size() % 4 != 0) padded.append(4 - padded.size() % 4, '=');
-
-  Bytes out;
-  out.reserve(padded.size() / 4 * 3);
-  for (size_t i = 0; i < padded.size(); i += 4) {
-    const bool last = i + 4 == padded.size();
-    size_t padding = 0;
-    if (last && padded[i + 3] == '=') padding = padded[i + 2] == '=' ? 2 : 1;
-    uint32_t v = 0;
-    for (size_t k = 0; k < 4 - padding; ++k) {
-      const int8_t d = base64Value(padded[i + k]);
-      if (d < 0) return std::nullopt;  // includes "=" anywhere but the final one or two places
-      v |= static_cast<uint32_t>(d) << (18 - 6 * k);
-    }
-    // A quantum needs at least two symbols: "x===" cannot carry a byte.
-    if (padding == 2 && padded[i + 1] == '=') return std::nullopt;
-    out.push_back(static_cast<uint8_t>(v >> 16));
-    if (padding < 2) out.push_back(static_cast<uint8_t>(v >> 8));
-    if (padding < 1) out.push_back(static_cast<uint8_t>(v));
-  }
+  Bytes out((text.size() + 3) / 4 * 3);
+  const std::optional<size_t> length = decodeBase64UrlInto(text, out);
+  if (!length) return std::nullopt;
+  out.resize(*length);
   return out;
 }
 
@@ -295,6 +228,80 @@ size_t utf16Length(std::string_view text) {
     units += cp >= 0x10000 ? 2 : 1;
   }
   return units;
+}
+
+size_t utf8SequenceLength(std::string_view text, size_t at) {
+  const auto byte = [&](size_t i) -> unsigned {
+    return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0x100u;
+  };
+  const auto inRange = [](unsigned b, unsigned low, unsigned high) {
+    return b >= low && b <= high;
+  };
+  const unsigned lead = byte(0);
+  if (lead < 0x80) return 1;
+  if (inRange(lead, 0xC2, 0xDF)) return inRange(byte(1), 0x80, 0xBF) ? 2 : 0;
+  if (inRange(lead, 0xE0, 0xEF)) {
+    const unsigned low = lead == 0xE0 ? 0xA0 : 0x80;   // overlong below U+0800
+    const unsigned high = lead == 0xED ? 0x9F : 0xBF;  // surrogates U+D800..U+DFFF
+    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) ? 3 : 0;
+  }
+  if (inRange(lead, 0xF0, 0xF4)) {
+    const unsigned low = lead == 0xF0 ? 0x90 : 0x80;   // overlong below U+10000
+    const unsigned high = lead == 0xF4 ? 0x8F : 0xBF;  // above U+10FFFF
+    return inRange(byte(1), low, high) && inRange(byte(2), 0x80, 0xBF) &&
+                   inRange(byte(3), 0x80, 0xBF)
+               ? 4
+               : 0;
+  }
+  return 0;  // a continuation byte, an overlong two-byte lead, or 0xF5..0xFF
+}
+
+bool isValidUtf8(std::string_view text) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = utf8SequenceLength(text, at);
+    if (length == 0) return false;
+    at += length;
+  }
+  return true;
+}
+
+void encodeBase64Url(ByteView data, std::span<char> out) {
+  static constexpr std::string_view kUrlAlphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  size_t at = 0;
+  for (size_t i = 0; i < data.size(); i += 3) {
+    const size_t n = std::min<size_t>(3, data.size() - i);
+    uint32_t v = uint32_t{data[i]} << 16;
+    if (n > 1) v |= uint32_t{data[i + 1]} << 8;
+    if (n > 2) v |= data[i + 2];
+    for (size_t k = 0; k <= n; ++k) out[at++] = kUrlAlphabet[(v >> (18 - 6 * k)) & 63];
+  }
+}
+
+std::optional<size_t> decodeBase64UrlInto(std::string_view text, std::span<uint8_t> out) {
+  // The text is read as standard base64 after mapping "-" and "_", padded with "=" to a multiple
+  // of four; "=" is accepted only as that final padding.
+  const size_t padded = (text.size() + 3) / 4 * 4;
+  const auto at = [&](size_t i) { return i < text.size() ? text[i] : '='; };
+  size_t length = 0;
+  for (size_t i = 0; i < padded; i += 4) {
+    const bool last = i + 4 == padded;
+    size_t padding = 0;
+    if (last && at(i + 3) == '=') padding = at(i + 2) == '=' ? 2 : 1;
+    uint32_t v = 0;
+    for (size_t k = 0; k < 4 - padding; ++k) {
+      const char c = at(i + k);
+      const int8_t d = base64Value(c == '-' ? '+' : c == '_' ? '/' : c);
+      if (d < 0) return std::nullopt;  // includes "=" anywhere but the final one or two places
+      v |= static_cast<uint32_t>(d) << (18 - 6 * k);
+    }
+    // A quantum needs at least two symbols: "x===" cannot carry a byte.
+    if (padding == 2 && at(i + 1) == '=') return std::nullopt;
+    out[length++] = static_cast<uint8_t>(v >> 16);
+    if (padding < 2) out[length++] = static_cast<uint8_t>(v >> 8);
+    if (padding < 1) out[length++] = static_cast<uint8_t>(v);
+  }
+  return length;
 }
 
 }  // namespace corvane

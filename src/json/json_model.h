@@ -357,7 +357,7 @@ bool findMissingInObject(const Model& model, std::string& path) {
 // not an object, a required key is missing, or a value is of the wrong type where the table does
 // not coerce it. Never returns a partly filled object.
 template <MappedModel Model>
-std::optional<Model> fromJson(const nlohmann::json& json, Error* error) {
+[[nodiscard]] std::optional<Model> fromJson(const nlohmann::json& json, Error* error) {
   if (!json.is_object()) {
     setError(error, notAnObjectError(Model::kModelName, json.type_name()));
     return std::nullopt;
@@ -390,7 +390,7 @@ nlohmann::json toJson(const Model& model) {
 // The path of the first required property that is absent (for example "header.upv"), or absent
 // when the model is complete. A complete model maps back from its own JSON unchanged.
 template <MappedModel Model>
-std::optional<std::string> missingRequiredProperty(const Model& model) {
+[[nodiscard]] std::optional<std::string> missingRequiredProperty(const Model& model) {
   std::string path;
   if (findMissingInObject(model, path)) return path;
   return std::nullopt;
@@ -398,7 +398,7 @@ std::optional<std::string> missingRequiredProperty(const Model& model) {
 
 // Parses the text (parseJson) and maps it; any failure is a "JSONModelErrorDomain" error.
 template <MappedModel Model>
-std::optional<Model> fromJsonText(std::string_view text, Error* error) {
+[[nodiscard]] std::optional<Model> fromJsonText(std::string_view text, Error* error) {
   std::optional<nlohmann::json> json = parseJson(text, error);
   if (!json) return std::nullopt;
   return fromJson<Model>(*json, error);

@@ -20,7 +20,7 @@ class JsonNumber {
   explicit JsonNumber(double value) : value_(value) {}
 
   // Absent unless `json` is a number.
-  static std::optional<JsonNumber> fromJson(const nlohmann::json& json);
+  [[nodiscard]] static std::optional<JsonNumber> fromJson(const nlohmann::json& json);
   nlohmann::json toJson() const;
 
   // Numeric equality: 1, 1u and 1.0 are all equal to the integer 1.

@@ -22,8 +22,8 @@ inline constexpr size_t kMaxNestingDepth = 512;
 // quotes the offending input), or a note that the nesting is too deep. Any JSON value
 // is accepted at the top level. Invalid UTF-8, numbers that overflow a double and trailing
 // garbage are parse errors.
-std::optional<nlohmann::json> parseJson(std::string_view text, Error* error,
-                                        size_t maxDepth = kMaxNestingDepth);
+[[nodiscard]] std::optional<nlohmann::json> parseJson(std::string_view text, Error* error,
+                                                      size_t maxDepth = kMaxNestingDepth);
 
 // Compact JSON text, UTF-8, keys in the value's own order; bytes that are not valid UTF-8 inside
 // strings are written as U+FFFD instead of failing.

@@ -13,6 +13,8 @@
 #include <utility>
 #include <variant>
 
+#include "corvane/status_codes.h"
+#include "foundation/private_paths.h"
 #include "foundation/utils.h"
 
 namespace corvane {
@@ -101,24 +103,6 @@ struct UpdateChange {
   WBTable values;
 };
 using Change = std::variant<InsertChange, DeleteChange, UpdateChange>;
-
-// Creates `dir` and any missing parent, each created one 0700 whatever the umask, and makes sure
-// the last one is a real directory (not a link) with mode 0700.
-bool makePrivateDirectory(const std::filesystem::path& dir) {
-  std::filesystem::path prefix;
-  for (const auto& part : dir) {
-    prefix /= part;
-    if (::mkdir(prefix.c_str(), 0700) == 0) {
-      if (::chmod(prefix.c_str(), 0700) != 0) return false;
-    } else if (errno != EEXIST) {
-      return false;
-    }
-  }
-  struct stat st {};
-  if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-  if ((st.st_mode & 07777) != 0700 && ::chmod(dir.c_str(), 0700) != 0) return false;
-  return true;
-}
 
 // Makes sure the store file exists as a regular file readable by its owner only. A new file is
 // created empty with mode 0600; an existing one only loses group and other permissions (its
@@ -314,7 +298,7 @@ struct CoreDataManager::Impl {
   // store cannot be used; nothing is kept then, so the next call tries again.
   Connection* open() {
     if (connection) return connection.get();
-    if (!makePrivateDirectory(directory) || !preparePrivateFile(file)) return nullptr;
+    if (!makePrivateDirectory(directory, nullptr) || !preparePrivateFile(file)) return nullptr;
     auto c = std::make_unique<Connection>();
     // Read-write only, never create (the file was made above with its mode), never follow a link.
     if (sqlite3_open_v2(file.c_str(), &c->db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW,
@@ -355,8 +339,8 @@ struct CoreDataManager::Impl {
 
   // Runs an operation so that no exception (only allocation failure is possible) leaves it; an
   // interrupted operation leaves no pending change and no open transaction behind.
-  template <typename Result, typename Body>
-  Result guard(Result failure, Body body) noexcept {
+  template <typename Outcome, typename Body>
+  Outcome guard(Outcome failure, Body body) noexcept {
     try {
       return body();
     } catch (...) {
@@ -416,6 +400,11 @@ std::filesystem::path CoreDataManager::storePath() const {
   return impl_->file;
 }
 
+Error CoreDataManager::storeFailure() {
+  return Error::corvane(static_cast<int64_t>(CorvaneStatusCode::UNKNOWN),
+                        "The record database failed.");
+}
+
 bool CoreDataManager::save() {
   return impl_->guard(false, [&] { return impl_->save(); });
 }
@@ -455,26 +444,28 @@ bool CoreDataManager::updateRecord(WBTable& record, const WBTable& values,
   });
 }
 
-std::optional<std::vector<WBTable>> CoreDataManager::fetchRecordsFromTable(
+Result<std::vector<WBTable>> CoreDataManager::fetchRecordsFromTable(
     std::string_view table, const RecordPredicate& predicate) {
-  return impl_->guard(std::optional<std::vector<WBTable>>(),
-                      [&]() -> std::optional<std::vector<WBTable>> {
-                        if (!isKnownTable(table)) return std::nullopt;
+  return impl_->guard(Result<std::vector<WBTable>>(storeFailure()),
+                      [&]() -> Result<std::vector<WBTable>> {
+                        if (!isKnownTable(table)) return storeFailure();
                         Connection* c = impl_->open();
-                        if (c == nullptr) return std::nullopt;
-                        auto records = c->fetch(predicate);
-                        if (!records) impl_->drop();
-                        return records;
+                        if (c == nullptr) return storeFailure();
+                        std::optional<std::vector<WBTable>> records = c->fetch(predicate);
+                        if (!records) {
+                          impl_->drop();
+                          return storeFailure();
+                        }
+                        return std::move(*records);
                       });
 }
 
-std::optional<WBTable> CoreDataManager::fetchFirstRecordFromTable(
+Result<std::optional<WBTable>> CoreDataManager::fetchFirstRecordFromTable(
     std::string_view table, const RecordPredicate& predicate) {
-  return impl_->guard(std::optional<WBTable>(), [&]() -> std::optional<WBTable> {
-    auto records = fetchRecordsFromTable(table, predicate);
-    if (!records || records->empty()) return std::nullopt;
-    return std::move(records->back());
-  });
+  Result<std::vector<WBTable>> records = fetchRecordsFromTable(table, predicate);
+  if (!records) return records.error();
+  if (records->empty()) return std::optional<WBTable>();
+  return std::optional<WBTable>(std::move(records->back()));
 }
 
 }  // namespace corvane

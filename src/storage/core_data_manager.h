@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "corvane/error.h"
+#include "foundation/result.h"
 #include "storage/wb_table.h"
 
 namespace corvane {
@@ -40,33 +42,37 @@ class CoreDataManager {
   // The store file itself.
   std::filesystem::path storePath() const;
 
+  // The failure of a store that could not be opened, read or written: code 10000 (UNKNOWN).
+  static Error storeFailure();
+
   // True when no change is pending (the store is not touched, not even opened). Otherwise writes
   // every pending change in one transaction and returns whether it committed; the changes are
   // dropped either way, so a failed write is never retried behind the caller's back.
-  bool save();
+  [[nodiscard]] bool save();
 
   // Replaces the records of values.username (absent: the records without a user name) with one
   // record holding the values, atomically: the store never holds zero or two records for the user
   // in between. False for a table other than "WBTable" or when the store fails.
-  bool insertRecordWithRecordValues(const WBTable& values, std::string_view table);
+  [[nodiscard]] bool insertRecordWithRecordValues(const WBTable& values, std::string_view table);
 
   // Deletes every record of the table that the predicate matches (none matching is a success).
-  bool deleteRecord(std::string_view table, const RecordPredicate& predicate);
+  [[nodiscard]] bool deleteRecord(std::string_view table, const RecordPredicate& predicate);
 
   // Sets every attribute present in the values on a record read from the store, in the store and
   // on `record`. False when the record has no identity, no longer exists, or the new user name is
   // taken by another record. The table name is not used.
-  bool updateRecord(WBTable& record, const WBTable& values, std::string_view table);
+  [[nodiscard]] bool updateRecord(WBTable& record, const WBTable& values, std::string_view table);
 
-  // The records the predicate matches, in insertion order; empty when none. Absent when the table
-  // is unknown or the store cannot be read.
-  std::optional<std::vector<WBTable>> fetchRecordsFromTable(std::string_view table,
-                                                            const RecordPredicate& predicate);
+  // The records the predicate matches, in insertion order; empty when none. An error when the
+  // table is unknown or the store cannot be read.
+  Result<std::vector<WBTable>> fetchRecordsFromTable(std::string_view table,
+                                                     const RecordPredicate& predicate);
 
   // The last element of fetchRecordsFromTable's array, which is the newest matching record (the
-  // established behaviour despite the name); absent when nothing matches or the fetch fails.
-  std::optional<WBTable> fetchFirstRecordFromTable(std::string_view table,
-                                                   const RecordPredicate& predicate);
+  // established behaviour despite the name); empty when nothing matches, an error when the fetch
+  // fails.
+  Result<std::optional<WBTable>> fetchFirstRecordFromTable(std::string_view table,
+                                                           const RecordPredicate& predicate);
 
  private:
   struct Impl;

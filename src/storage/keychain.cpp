@@ -58,10 +58,6 @@ constexpr std::string_view kAccessibilityBiometryCurrentSet =
 constexpr size_t kP256PointSize = 65;
 constexpr size_t kP256ScalarSize = 32;
 
-Bytes utf8(std::string_view text) {
-  return Bytes(text.begin(), text.end());
-}
-
 std::optional<std::string> owned(Keychain::Attribute attribute) {
   if (!attribute) return std::nullopt;
   return std::string(*attribute);
@@ -164,12 +160,12 @@ std::string Keychain::bundleIdentifier() const {
 }
 
 Bytes Keychain::corvaneQueryLabel() const {
-  return utf8(bundleIdentifier() + "." + std::string(kLabelSuffix));
+  return toBytes(bundleIdentifier() + "." + std::string(kLabelSuffix));
 }
 
 Bytes Keychain::corvaneQueryLabelForLastPatternLock() const {
-  return utf8(std::string(kServiceLastPatternLock) + "." + bundleIdentifier() + "." +
-              std::string(kLabelSuffix));
+  return toBytes(std::string(kServiceLastPatternLock) + "." + bundleIdentifier() + "." +
+                 std::string(kLabelSuffix));
 }
 
 Bytes Keychain::labelFor(Attribute service) const {
@@ -177,7 +173,11 @@ Bytes Keychain::labelFor(Attribute service) const {
   return corvaneQueryLabel();
 }
 
-std::optional<std::string> Keychain::bundleSeedID() {
+Error Keychain::storeFailure() {
+  return Error::corvane(keychain_status::kIO, "The item store failed.");
+}
+
+Result<std::string> Keychain::bundleSeedID() {
   ItemQuery query;
   query.account = std::string(kBundleSeedIdAccount);
   query.service = std::string();
@@ -189,42 +189,46 @@ std::optional<std::string> Keychain::bundleSeedID() {
     item.service = query.service;
     item.accessibility = std::string(kAccessibleWhenPasscodeSetThisDeviceOnly);
     status = items_.add(item, SecretBytes());
-    if (status == StoreStatus::ok) status = items_.findFirstAttributes(query, &found);
+    // Another object over the same store may have added it meanwhile.
+    if (status == StoreStatus::ok || status == StoreStatus::duplicate) {
+      status = items_.findFirstAttributes(query, &found);
+    }
   }
-  if (status != StoreStatus::ok || !found.accessGroup) return std::nullopt;
+  if (status != StoreStatus::ok) return storeFailure();
+  if (!found.accessGroup) {
+    return Error::corvane(keychain_status::kMissingEntitlement, "The item has no access group.");
+  }
   const std::string& group = *found.accessGroup;
   return group.substr(0, group.find('.'));
 }
 
-std::optional<std::string> Keychain::corvaneAccessGroup() {
-  std::optional<std::string> seed = bundleSeedID();
-  if (!seed) return std::nullopt;
+Result<std::string> Keychain::corvaneAccessGroup() {
+  Result<std::string> seed = bundleSeedID();
+  if (!seed) return seed.error();
   return *seed + "." + bundleIdentifier();
 }
 
-std::optional<ItemAttributes> Keychain::prepareGenericPasswordDictWithAccount(Attribute account,
-                                                                              Attribute service,
-                                                                              Attribute generic) {
-  std::optional<std::string> group = corvaneAccessGroup();
-  if (!group) return std::nullopt;
+Result<ItemAttributes> Keychain::prepareGenericPasswordDictWithAccount(Attribute account,
+                                                                       Attribute service,
+                                                                       Attribute generic) {
+  Result<std::string> group = corvaneAccessGroup();
+  if (!group) return group.error();
   ItemAttributes item;
   item.account = owned(account);
   item.service = owned(service);
   item.generic = owned(generic);
   item.accessibility = std::string(kAccessibleWhenPasscodeSetThisDeviceOnly);
   item.label = labelFor(service);
-  item.accessGroup = std::move(group);
+  item.accessGroup = std::move(*group);
   return item;
 }
 
-std::optional<Keychain::BioAuthQuery> Keychain::prepareBioAuthDictWithAccount(
-    Attribute account, Attribute service, Attribute generic, std::string_view bioMsg,
-    Error* error) {
-  std::optional<std::string> group = corvaneAccessGroup();
-  if (!group) {
-    setError(error, Error::corvane(keychain_status::kMissingEntitlement));
-    return std::nullopt;
-  }
+Result<Keychain::BioAuthQuery> Keychain::prepareBioAuthDictWithAccount(Attribute account,
+                                                                       Attribute service,
+                                                                       Attribute generic,
+                                                                       std::string_view bioMsg) {
+  Result<std::string> group = corvaneAccessGroup();
+  if (!group) return group.error();
   const bool convenience = configuration_.isBiometricSecurityLevelConvenience();
   BioAuthQuery query;
   query.binding =
@@ -236,18 +240,18 @@ std::optional<Keychain::BioAuthQuery> Keychain::prepareBioAuthDictWithAccount(
   query.attributes.accessibility =
       std::string(convenience ? kAccessibilityBiometryAny : kAccessibilityBiometryCurrentSet);
   query.attributes.label = corvaneQueryLabel();
-  query.attributes.accessGroup = std::move(group);
+  query.attributes.accessGroup = std::move(*group);
   return query;
 }
 
 std::optional<Bytes> Keychain::generate256EcKeyPair(std::string_view /*publicTag*/,
                                                     std::string_view privateTag) {
-  std::optional<std::string> group = corvaneAccessGroup();
+  Result<std::string> group = corvaneAccessGroup();
   if (!group) return std::nullopt;
   KeyAttributes attributes;
   // The label goes into the application label, as the platform's key generation stores it.
   attributes.applicationLabel = corvaneQueryLabel();
-  attributes.accessGroup = std::move(group);
+  attributes.accessGroup = std::move(*group);
   Bytes publicKey;
   if (keys_.generate(privateTag, attributes, &publicKey) != StoreStatus::ok) return std::nullopt;
   if (publicKey.size() != kP256SpkiSize ||
@@ -275,74 +279,84 @@ std::optional<Bytes> Keychain::signSHA256withECDSAX962ForBasicFull(ByteView mess
   return signSha256(key.get(), message);
 }
 
-bool Keychain::insertGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                Attribute generic, const SecretBytes& data) {
-  std::optional<ItemAttributes> item =
-      prepareGenericPasswordDictWithAccount(account, service, generic);
-  return item && items_.add(*item, data) == StoreStatus::ok;
+StoreStatus Keychain::insertGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                       Attribute generic, const SecretBytes& data) {
+  Result<ItemAttributes> item = prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item ? items_.add(*item, data) : StoreStatus::storeError;
 }
 
-bool Keychain::insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                        Attribute generic,
-                                                        const SecretBytes& data) {
-  std::optional<ItemAttributes> item =
-      prepareGenericPasswordDictWithAccount(account, service, generic);
+StoreStatus Keychain::insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                               Attribute generic,
+                                                               const SecretBytes& data) {
+  Result<ItemAttributes> item = prepareGenericPasswordDictWithAccount(account, service, generic);
   // One transaction: replace the value of the matching item, or add it when there is none.
-  return item && items_.upsert(*item, data) == StoreStatus::ok;
+  return item ? items_.upsert(*item, data) : StoreStatus::storeError;
 }
 
-std::optional<SecretBytes> Keychain::findGenericPasswordWithAccount(Attribute account,
-                                                                    Attribute service,
-                                                                    Attribute generic) {
-  std::optional<ItemAttributes> item =
-      prepareGenericPasswordDictWithAccount(account, service, generic);
-  if (!item) return std::nullopt;
+Result<std::optional<SecretBytes>> Keychain::findGenericPasswordWithAccount(Attribute account,
+                                                                            Attribute service,
+                                                                            Attribute generic) {
+  Result<ItemAttributes> item = prepareGenericPasswordDictWithAccount(account, service, generic);
+  if (!item) return item.error();
   SecretBytes value;
-  if (items_.findFirst(item->asQuery(), &value) != StoreStatus::ok) return std::nullopt;
-  return value;
+  switch (items_.findFirst(item->asQuery(), &value)) {
+    case StoreStatus::ok:
+      return std::optional<SecretBytes>(std::move(value));
+    case StoreStatus::notFound:
+      return std::optional<SecretBytes>();
+    case StoreStatus::duplicate:
+    case StoreStatus::storeError:
+      break;
+  }
+  return storeFailure();
 }
 
-std::optional<std::vector<std::string>> Keychain::findGenericPasswordServicesDescWithAccount(
+namespace {
+
+// A listing's outcome: the entries, an empty list for notFound, or the store's failure.
+Result<std::vector<std::string>> listed(StoreStatus status, std::vector<std::string>& entries) {
+  if (status == StoreStatus::ok) return std::move(entries);
+  if (status == StoreStatus::notFound) return std::vector<std::string>();
+  return Keychain::storeFailure();
+}
+
+}  // namespace
+
+Result<std::vector<std::string>> Keychain::findGenericPasswordServicesDescWithAccount(
     Attribute account, Attribute generic) {
-  std::optional<ItemAttributes> item =
+  Result<ItemAttributes> item =
       prepareGenericPasswordDictWithAccount(account, std::nullopt, generic);
-  if (!item) return std::nullopt;
+  if (!item) return item.error();
   std::vector<std::string> services;
-  if (items_.listServices(item->asQuery(), &services) != StoreStatus::ok) return std::nullopt;
-  return services;
+  return listed(items_.listServices(item->asQuery(), &services), services);
 }
 
-std::optional<std::vector<std::string>> Keychain::findGenericPasswordAccountDescWithService(
+Result<std::vector<std::string>> Keychain::findGenericPasswordAccountDescWithService(
     Attribute service) {
-  std::optional<ItemAttributes> item =
+  Result<ItemAttributes> item =
       prepareGenericPasswordDictWithAccount(std::nullopt, service, std::nullopt);
-  if (!item) return std::nullopt;
+  if (!item) return item.error();
   std::vector<std::string> accounts;
-  if (items_.listAccounts(item->asQuery(), &accounts) != StoreStatus::ok) return std::nullopt;
-  return accounts;
+  return listed(items_.listAccounts(item->asQuery(), &accounts), accounts);
 }
 
-bool Keychain::updateGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                Attribute generic, const SecretBytes& data) {
-  std::optional<ItemAttributes> item =
-      prepareGenericPasswordDictWithAccount(account, service, generic);
-  return item && items_.update(item->asQuery(), data) == StoreStatus::ok;
+StoreStatus Keychain::updateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                       Attribute generic, const SecretBytes& data) {
+  Result<ItemAttributes> item = prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item ? items_.update(item->asQuery(), data) : StoreStatus::storeError;
 }
 
-bool Keychain::deleteGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                Attribute generic) {
-  std::optional<ItemAttributes> item =
-      prepareGenericPasswordDictWithAccount(account, service, generic);
-  return item && items_.remove(item->asQuery()) == StoreStatus::ok;
+StoreStatus Keychain::deleteGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                       Attribute generic) {
+  Result<ItemAttributes> item = prepareGenericPasswordDictWithAccount(account, service, generic);
+  return item ? items_.remove(item->asQuery()) : StoreStatus::storeError;
 }
 
 bool Keychain::insertBioAuthDataWithAccount(Attribute account, Attribute service, Attribute generic,
                                             const SecretBytes& data, Error* error) {
-  Error failure;
-  std::optional<BioAuthQuery> query =
-      prepareBioAuthDictWithAccount(account, service, generic, "", &failure);
+  Result<BioAuthQuery> query = prepareBioAuthDictWithAccount(account, service, generic, "");
   if (!query) {
-    setError(error, bioError("add", static_cast<int32_t>(failure.code())));
+    setError(error, bioError("add", static_cast<int32_t>(query.error().code())));
     return false;
   }
   std::vector<uint8_t> protectedForm;
@@ -353,7 +367,7 @@ bool Keychain::insertBioAuthDataWithAccount(Attribute account, Attribute service
     return false;
   }
   // The outcome of the delete does not matter: the add below reports what went wrong.
-  items_.remove(query->attributes.asQuery());
+  static_cast<void>(items_.remove(query->attributes.asQuery()));
   const StoreStatus added = items_.add(query->attributes, SecretBytes(protectedForm));
   if (added != StoreStatus::ok) {
     setError(error, bioError("add", keychain_status::fromStoreStatus(added)));
@@ -367,11 +381,9 @@ std::optional<SecretBytes> Keychain::findBioAuthDataWithAccount(Attribute accoun
                                                                 Attribute generic,
                                                                 std::string_view bioMsg,
                                                                 Error* error) {
-  Error failure;
-  std::optional<BioAuthQuery> query =
-      prepareBioAuthDictWithAccount(account, service, generic, bioMsg, &failure);
+  Result<BioAuthQuery> query = prepareBioAuthDictWithAccount(account, service, generic, bioMsg);
   if (!query) {
-    setError(error, bioError("find", static_cast<int32_t>(failure.code())));
+    setError(error, bioError("find", static_cast<int32_t>(query.error().code())));
     return std::nullopt;
   }
   SecretBytes protectedForm;
@@ -385,36 +397,38 @@ std::optional<SecretBytes> Keychain::findBioAuthDataWithAccount(Attribute accoun
   if (status == keychain_status::kSuccess) return value;
   // Not found is also how an item bound to a changed enrolment answers: nothing registered with
   // biometry can be trusted any more, so every registration is dropped.
-  if (status == keychain_status::kItemNotFound) deregAllDatas();
+  if (status == keychain_status::kItemNotFound) static_cast<void>(deregAllDatas());
   setError(error, bioError("find", status));
   return std::nullopt;
 }
 
-bool Keychain::deregAllDatas() {
-  std::optional<std::string> group = corvaneAccessGroup();
-  return group && items_.removeLabeled(corvaneQueryLabel(), std::move(group)) == StoreStatus::ok;
+StoreStatus Keychain::deregAllDatas() {
+  Result<std::string> group = corvaneAccessGroup();
+  if (!group) return StoreStatus::storeError;
+  return items_.removeLabeled(corvaneQueryLabel(), std::move(*group));
 }
 
-bool Keychain::resetAllKeyChain() {
-  std::optional<std::string> group = corvaneAccessGroup();
-  if (!group) return true;
+StoreStatus Keychain::resetAllKeyChain() {
+  Result<std::string> group = corvaneAccessGroup();
+  if (!group) return StoreStatus::storeError;
   // Step 1 matches keys on their label attribute while key generation writes the label into the
   // application label; the pairing is kept as it is, so this step removes only keys that carry
   // the label itself. The port's remove answers notFound when the query matches nothing, which
   // is the failed query after which nothing is deleted.
   KeyQuery keys;
   keys.label = corvaneQueryLabel();
-  keys.accessGroup = group;
-  keys_.remove(keys);
-  items_.removeLabeled(corvaneQueryLabel(), group);
-  items_.removeLabeled(corvaneQueryLabelForLastPatternLock(), group);
-  return true;
+  keys.accessGroup = *group;
+  bool failed = keys_.remove(keys) == StoreStatus::storeError;
+  failed |= items_.removeLabeled(corvaneQueryLabel(), *group) == StoreStatus::storeError;
+  failed |= items_.removeLabeled(corvaneQueryLabelForLastPatternLock(), *group) ==
+            StoreStatus::storeError;
+  return failed ? StoreStatus::storeError : StoreStatus::ok;
 }
 
-std::optional<SecretBytes> Keychain::getAesEncryptKey() {
-  std::optional<SecretBytes> key =
+Result<std::optional<SecretBytes>> Keychain::getAesEncryptKey() {
+  Result<std::optional<SecretBytes>> key =
       findGenericPasswordWithAccount(kAaid, kServiceAuthKeyTag, std::nullopt);
-  if (key) return key;
+  if (!key || *key) return key;
   return findGenericPasswordWithAccount(kAaid, kServiceEncryptKey, std::nullopt);
 }
 

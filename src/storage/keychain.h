@@ -7,8 +7,11 @@
 // can be found and wiped by label alone. The object keeps no state of its own: every call builds a
 // fresh query, so several Keychain objects over the same stores see the same data.
 //
-// Failures are false or absent; only the two biometry operations fill an Error, whose code is the
-// platform keychain status (the constants below). Nothing is logged.
+// A failing store is never reported as "no such item": reads answer a Result whose Error (code
+// keychain_status::kIO, or kMissingEntitlement when the application has no access group) says the
+// store could not be read, and an empty value only when the store answered that nothing matches.
+// Writes answer the StoreStatus of the store. The two biometry operations fill an Error whose code
+// is the platform keychain status (the constants below). Nothing is logged.
 //
 // Thread-safety: as the ports it is built on (one call at a time per ItemStore and KeyStore).
 #pragma once
@@ -26,6 +29,7 @@
 #include "corvane/ports/key_store.h"
 #include "corvane/secret_bytes.h"
 #include "crypto/attestation_key_source.h"
+#include "foundation/result.h"
 #include "foundation/utils.h"
 
 namespace corvane {
@@ -73,80 +77,87 @@ class Keychain {
   Keychain(ItemStore& items, KeyStore& keys, BiometryPort& biometry,
            const Configuration& configuration, const AttestationKeySource* attestation = nullptr);
 
+  // The failure of a store that could not be read or written: code keychain_status::kIO.
+  static Error storeFailure();
+
   // The application-identifier prefix: the first "."-separated piece of the access group that the
-  // store gives the item account "bundleSeedID", service "" (added when missing). Absent when the
-  // store fails or gives the item no access group.
-  std::optional<std::string> bundleSeedID();
-  // "<bundle seed ID>.<bundle identifier>"; absent without a bundle seed ID, and every operation
+  // store gives the item account "bundleSeedID", service "" (added when missing). An error when
+  // the store fails (kIO) or gives the item no access group (kMissingEntitlement).
+  Result<std::string> bundleSeedID();
+  // "<bundle seed ID>.<bundle identifier>"; an error without a bundle seed ID, and every operation
   // that writes or reads items then fails (as the platform refuses an access group the
   // application is not entitled to).
-  std::optional<std::string> corvaneAccessGroup();
+  Result<std::string> corvaneAccessGroup();
   // UTF-8 of "<bundle identifier>.Corvane".
   Bytes corvaneQueryLabel() const;
   // UTF-8 of "AUTHNR.last_patternlock.<bundle identifier>.Corvane".
   Bytes corvaneQueryLabelForLastPatternLock() const;
 
-  // The query of every generic-password operation; absent without an access group.
-  std::optional<ItemAttributes> prepareGenericPasswordDictWithAccount(Attribute account,
-                                                                      Attribute service,
-                                                                      Attribute generic);
+  // The query of every generic-password operation; the access group's error without one.
+  Result<ItemAttributes> prepareGenericPasswordDictWithAccount(Attribute account, Attribute service,
+                                                               Attribute generic);
   // The query of a biometry-protected item: bound to any enrolment when the configured biometric
-  // security level is "Convenience", to the current enrolment set otherwise. Absent, with error
-  // kMissingEntitlement, without an access group.
-  std::optional<BioAuthQuery> prepareBioAuthDictWithAccount(Attribute account, Attribute service,
-                                                            Attribute generic,
-                                                            std::string_view bioMsg, Error* error);
+  // security level is "Convenience", to the current enrolment set otherwise. The access group's
+  // error without one.
+  Result<BioAuthQuery> prepareBioAuthDictWithAccount(Attribute account, Attribute service,
+                                                     Attribute generic, std::string_view bioMsg);
 
   // A fresh P-256 key pair under `privateTag`; the 91-byte DER SubjectPublicKeyInfo of its public
   // half, or absent. `publicTag` sets nothing: the public key is only returned.
-  std::optional<Bytes> generate256EcKeyPair(std::string_view publicTag,
-                                            std::string_view privateTag);
+  [[nodiscard]] std::optional<Bytes> generate256EcKeyPair(std::string_view publicTag,
+                                                          std::string_view privateTag);
   // ECDSA with SHA-256 of `message` (DER signature) with the key under `privateTag`, or absent.
-  std::optional<Bytes> signWithECDSASignatureMessageX962SHA256(ByteView message,
-                                                               std::string_view privateTag);
+  [[nodiscard]] std::optional<Bytes> signWithECDSASignatureMessageX962SHA256(
+      ByteView message, std::string_view privateTag);
   // The same with the attestation key, imported for this one signature and released afterwards.
-  std::optional<Bytes> signSHA256withECDSAX962ForBasicFull(ByteView message);
+  [[nodiscard]] std::optional<Bytes> signSHA256withECDSAX962ForBasicFull(ByteView message);
 
-  // Adds an item; false when it exists already.
-  bool insertGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic,
-                                        const SecretBytes& data);
-  // Adds the item, or replaces its value when it exists.
-  bool insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                Attribute generic, const SecretBytes& data);
-  // The value of the first match.
-  std::optional<SecretBytes> findGenericPasswordWithAccount(Attribute account, Attribute service,
-                                                            Attribute generic);
-  // Services (or accounts) of all matches, newest first; absent when none or on failure.
-  std::optional<std::vector<std::string>> findGenericPasswordServicesDescWithAccount(
-      Attribute account, Attribute generic);
-  std::optional<std::vector<std::string>> findGenericPasswordAccountDescWithService(
-      Attribute service);
-  // Replaces the value of every match; false when nothing matched.
-  bool updateGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic,
-                                        const SecretBytes& data);
-  // Deletes every match; false when nothing matched or the store failed.
-  bool deleteGenericPasswordWithAccount(Attribute account, Attribute service, Attribute generic);
+  // Adds an item: ok, duplicate when it exists already, storeError.
+  StoreStatus insertGenericPasswordWithAccount(Attribute account, Attribute service,
+                                               Attribute generic, const SecretBytes& data);
+  // Adds the item, or replaces its value when it exists: ok or storeError.
+  StoreStatus insertOrUpdateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                                       Attribute generic, const SecretBytes& data);
+  // The value of the first match; empty when nothing matches.
+  Result<std::optional<SecretBytes>> findGenericPasswordWithAccount(Attribute account,
+                                                                    Attribute service,
+                                                                    Attribute generic);
+  // Services (or accounts) of all matches, newest first; an empty list when nothing matches.
+  Result<std::vector<std::string>> findGenericPasswordServicesDescWithAccount(Attribute account,
+                                                                              Attribute generic);
+  Result<std::vector<std::string>> findGenericPasswordAccountDescWithService(Attribute service);
+  // Replaces the value of every match: ok, notFound when nothing matched, storeError.
+  StoreStatus updateGenericPasswordWithAccount(Attribute account, Attribute service,
+                                               Attribute generic, const SecretBytes& data);
+  // Deletes every match: ok, notFound when nothing matched, storeError.
+  StoreStatus deleteGenericPasswordWithAccount(Attribute account, Attribute service,
+                                               Attribute generic);
 
   // Protects `data` with biometry and stores it in place of any matching item. On failure the
   // error is "Unable add item to keychain with status : <status>" with the status as its code.
-  bool insertBioAuthDataWithAccount(Attribute account, Attribute service, Attribute generic,
-                                    const SecretBytes& data, Error* error);
+  [[nodiscard]] bool insertBioAuthDataWithAccount(Attribute account, Attribute service,
+                                                  Attribute generic, const SecretBytes& data,
+                                                  Error* error);
   // Reads a biometry-protected item, which shows the prompt `bioMsg`. On failure the error is
   // "Unable find item to keychain with status : <status>"; when the item is not found (also the
   // answer for an item whose enrolment binding was invalidated) every generic-password item of
   // the system is wiped first (deregAllDatas).
-  std::optional<SecretBytes> findBioAuthDataWithAccount(Attribute account, Attribute service,
-                                                        Attribute generic, std::string_view bioMsg,
-                                                        Error* error);
+  [[nodiscard]] std::optional<SecretBytes> findBioAuthDataWithAccount(Attribute account,
+                                                                      Attribute service,
+                                                                      Attribute generic,
+                                                                      std::string_view bioMsg,
+                                                                      Error* error);
 
   // Deletes every generic-password item with the label and access group (the last-pattern items
-  // carry another label and stay); false when nothing was deleted or the store failed.
-  bool deregAllDatas();
-  // Deletes everything the system owns, in three steps (see docs/keychain.md); always true.
-  bool resetAllKeyChain();
+  // carry another label and stay): ok, notFound when there was nothing, storeError.
+  StoreStatus deregAllDatas();
+  // Deletes everything the system owns, in three steps (see docs/keychain.md): ok, or storeError
+  // when a step failed (the others still run).
+  StoreStatus resetAllKeyChain();
   // The authenticators' encryption key: account "0F3D#0002", service "AUTHNR.authKeyTag", else
-  // the older service "AUTHNR.encryptKey"; absent when neither exists.
-  std::optional<SecretBytes> getAesEncryptKey();
+  // the older service "AUTHNR.encryptKey"; empty when neither exists. A failing read of the first
+  // is an error, never a reason to fall back to the second.
+  Result<std::optional<SecretBytes>> getAesEncryptKey();
 
  private:
   std::string bundleIdentifier() const;

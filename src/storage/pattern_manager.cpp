@@ -29,61 +29,20 @@ using SecretString =
     std::basic_string<char, std::char_traits<char>, internal::WipingAllocator<char>>;
 using SecretJson = nlohmann::basic_json<std::map, std::vector, SecretString>;
 
-std::span<const uint8_t> textBytes(std::string_view text) {
-  return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
 // Base64url without padding, appended to a secret buffer.
 void appendBase64Url(SecretBytes& out, std::span<const uint8_t> data) {
-  static constexpr std::string_view kAlphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
-  std::array<uint8_t, 4> quantum{};
-  for (size_t i = 0; i < data.size(); i += 3) {
-    const size_t n = std::min<size_t>(3, data.size() - i);
-    uint32_t v = uint32_t{data[i]} << 16;
-    if (n > 1) v |= uint32_t{data[i + 1]} << 8;
-    if (n > 2) v |= data[i + 2];
-    for (size_t k = 0; k < 4; ++k)
-      quantum[k] = static_cast<uint8_t>(kAlphabet[(v >> (18 - 6 * k)) & 63]);
-    out.append(std::span(quantum.data(), n + 1));
-  }
-  OPENSSL_cleanse(quantum.data(), quantum.size());
+  const size_t at = out.size();
+  out.resize(at + base64UrlLength(data.size()));
+  encodeBase64Url(data, {reinterpret_cast<char*>(out.mutableSecret().data()) + at,
+                         base64UrlLength(data.size())});
 }
 
-int base64Value(char c) {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '-' || c == '+') return 62;
-  if (c == '_' || c == '/') return 63;
-  return -1;
-}
-
-// The decoding rules of Utils::decodeBase64Url ("-" and "_" read as "+" and "/", padded to a
-// multiple of four, "=" only as final padding), writing into a secret buffer and keeping no
-// intermediate copy.
+// Utils::decodeBase64Url into a secret buffer, keeping no intermediate copy.
 std::optional<SecretBytes> decodeBase64UrlSecret(std::string_view text) {
-  const size_t padded = (text.size() + 3) / 4 * 4;
-  SecretBytes out(padded / 4 * 3);
-  size_t length = 0;
-  std::span<uint8_t> bytes = out.mutableSecret();
-  auto at = [&](size_t i) { return i < text.size() ? text[i] : '='; };
-  for (size_t i = 0; i < padded; i += 4) {
-    const bool last = i + 4 == padded;
-    size_t padding = 0;
-    if (last && at(i + 3) == '=') padding = at(i + 2) == '=' ? 2 : 1;
-    uint32_t v = 0;
-    for (size_t k = 0; k < 4 - padding; ++k) {
-      const int d = base64Value(at(i + k));
-      if (d < 0) return std::nullopt;
-      v |= static_cast<uint32_t>(d) << (18 - 6 * k);
-    }
-    if (padding == 2 && at(i + 1) == '=') return std::nullopt;
-    bytes[length++] = static_cast<uint8_t>(v >> 16);
-    if (padding < 2) bytes[length++] = static_cast<uint8_t>(v >> 8);
-    if (padding < 1) bytes[length++] = static_cast<uint8_t>(v);
-  }
-  out.resize(length);
+  SecretBytes out((text.size() + 3) / 4 * 3);
+  const std::optional<size_t> length = decodeBase64UrlInto(text, out.mutableSecret());
+  if (!length) return std::nullopt;
+  out.resize(*length);
   return out;
 }
 
@@ -166,7 +125,7 @@ std::optional<SecretBytes> PatternManager::sealPattern(const SecretBytes& key,
                                                        const SecretBytes& serialized) {
   static constexpr std::array<uint8_t, kIvSize> kZeroIv{};
   std::optional<IAGCipheredData> sealed = IAGAesGcm::cipheredDataByAuthenticatedEncryptingPlainData(
-      serialized.exposeSecret(), textBytes(""), kTagSize, kZeroIv, key.exposeSecret(), nullptr);
+      serialized.exposeSecret(), asBytes(""), kTagSize, kZeroIv, key.exposeSecret(), nullptr);
   if (!sealed) return std::nullopt;
   SecretBytes out(sealed->buffer());
   out.append(sealed->authenticationTag());
@@ -181,39 +140,59 @@ std::optional<SecretBytes> PatternManager::openSealedPattern(const SecretBytes& 
   const size_t split = bytes.size() - kTagSize;
   const IAGCipheredData parts(Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(split)),
                               Bytes(bytes.begin() + static_cast<ptrdiff_t>(split), bytes.end()));
-  return IAGAesGcm::plainDataByAuthenticatedDecryptingCipheredData(parts, textBytes(""), kZeroIv,
+  return IAGAesGcm::plainDataByAuthenticatedDecryptingCipheredData(parts, asBytes(""), kZeroIv,
                                                                    key.exposeSecret(), nullptr);
 }
 
-std::optional<SecretBytes> PatternManager::getPatternLockEncryptKey() {
-  if (std::optional<SecretBytes> key = keychain_.getAesEncryptKey()) return key;
-  std::optional<SecretBytes> fresh = random_(kKeySize);
-  if (!fresh || fresh->size() != kKeySize) return std::nullopt;
-  // A key that could not be stored would seal patterns nobody can open later.
-  if (!keychain_.insertGenericPasswordWithAccount(Keychain::kAaid, Keychain::kServiceAuthKeyTag,
-                                                  std::nullopt, *fresh)) {
-    return std::nullopt;
-  }
-  return fresh;
+namespace {
+
+// The error of a pattern that could not be sealed (serialising, random IV or cipher failed).
+Error sealFailure() {
+  return Error::corvane(-1, "The pattern could not be sealed.");
 }
 
-bool PatternManager::isCorrectPattern(std::span<const uint32_t> pattern,
-                                      std::string_view username) {
-  std::optional<SecretBytes> key = getPatternLockEncryptKey();
-  if (!key) return false;
-  std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+Result<void> written(StoreStatus status) {
+  if (status == StoreStatus::ok) return {};
+  return Keychain::storeFailure();
+}
+
+}  // namespace
+
+Result<SecretBytes> PatternManager::getPatternLockEncryptKey() {
+  Result<std::optional<SecretBytes>> stored = keychain_.getAesEncryptKey();
+  if (!stored) return stored.error();
+  if (*stored) return std::move(**stored);
+  std::optional<SecretBytes> fresh = random_(kKeySize);
+  if (!fresh || fresh->size() != kKeySize) return sealFailure();
+  // A key that could not be stored would seal patterns nobody can open later.
+  if (keychain_.insertGenericPasswordWithAccount(Keychain::kAaid, Keychain::kServiceAuthKeyTag,
+                                                 std::nullopt, *fresh) != StoreStatus::ok) {
+    return Keychain::storeFailure();
+  }
+  return std::move(*fresh);
+}
+
+Result<bool> PatternManager::isCorrectPattern(std::span<const uint32_t> pattern,
+                                              std::string_view username) {
+  Result<std::optional<SecretBytes>> sealed = keychain_.findGenericPasswordWithAccount(
       currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt);
-  if (!sealed) return false;
-  std::optional<SecretBytes> serialized = openSealedPattern(*key, *sealed);
+  if (!sealed) return sealed.error();
+  if (!*sealed) return false;
+  // Read, never made here: a pattern sealed under a key that is gone opens under no new key.
+  Result<std::optional<SecretBytes>> key = keychain_.getAesEncryptKey();
+  if (!key) return key.error();
+  if (!*key) return false;
+  std::optional<SecretBytes> serialized = openSealedPattern(**key, **sealed);
   return serialized && serializedPatternEquals(*serialized, pattern);
 }
 
-bool PatternManager::isSameAsLastPattern(std::span<const uint32_t> pattern,
-                                         std::string_view username) {
-  std::optional<SecretBytes> item = keychain_.findGenericPasswordWithAccount(
+Result<bool> PatternManager::isSameAsLastPattern(std::span<const uint32_t> pattern,
+                                                 std::string_view username) {
+  Result<std::optional<SecretBytes>> item = keychain_.findGenericPasswordWithAccount(
       lastPatternAccount(username), Keychain::kServiceLastPatternLock, std::nullopt);
-  if (!item) return false;
-  const std::string_view text = item->exposeSecretText();
+  if (!item) return item.error();
+  if (!*item) return false;
+  const std::string_view text = (*item)->exposeSecretText();
   SecretJson json = SecretJson::parse(text.begin(), text.end(), nullptr, false);
   if (!json.is_object()) return false;
   std::optional<SecretBytes> key = decodedMember(json, kLastKey);
@@ -223,54 +202,61 @@ bool PatternManager::isSameAsLastPattern(std::span<const uint32_t> pattern,
   return serialized && serializedPatternEquals(*serialized, pattern);
 }
 
-void PatternManager::updatePattern(std::span<const uint32_t> pattern, std::string_view username) {
-  std::optional<SecretBytes> key = getPatternLockEncryptKey();
-  if (!key) return;
+Result<void> PatternManager::updatePattern(std::span<const uint32_t> pattern,
+                                           std::string_view username) {
+  Result<SecretBytes> key = getPatternLockEncryptKey();
+  if (!key) return key.error();
   std::optional<SecretBytes> serialized = serializePattern(pattern);
-  if (!serialized) return;
+  if (!serialized) return sealFailure();
   std::optional<SecretBytes> sealed = sealPattern(*key, *serialized);
-  if (!sealed) return;
-  keychain_.insertOrUpdateGenericPasswordWithAccount(
-      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt, *sealed);
+  if (!sealed) return sealFailure();
+  return written(keychain_.insertOrUpdateGenericPasswordWithAccount(
+      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt, *sealed));
 }
 
-void PatternManager::writeLastPattern(const std::string& account, const SecretBytes& key,
-                                      const SecretBytes& sealed) {
+Result<void> PatternManager::writeLastPattern(const std::string& account, const SecretBytes& key,
+                                              const SecretBytes& sealed) {
   SecretBytes json;
-  json.append(textBytes("{\""));
-  json.append(textBytes(kLastKey));
-  json.append(textBytes("\":\""));
+  json.append(asBytes("{\""));
+  json.append(asBytes(kLastKey));
+  json.append(asBytes("\":\""));
   appendBase64Url(json, key.exposeSecret());
-  json.append(textBytes("\",\""));
-  json.append(textBytes(kLastPattern));
-  json.append(textBytes("\":\""));
+  json.append(asBytes("\",\""));
+  json.append(asBytes(kLastPattern));
+  json.append(asBytes("\":\""));
   appendBase64Url(json, sealed.exposeSecret());
-  json.append(textBytes("\"}"));
-  keychain_.insertOrUpdateGenericPasswordWithAccount(account, Keychain::kServiceLastPatternLock,
-                                                     std::nullopt, json);
+  json.append(asBytes("\"}"));
+  return written(keychain_.insertOrUpdateGenericPasswordWithAccount(
+      account, Keychain::kServiceLastPatternLock, std::nullopt, json));
 }
 
-void PatternManager::updateLastPatternForUsername(std::string_view username) {
-  std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+Result<void> PatternManager::updateLastPatternForUsername(std::string_view username) {
+  Result<std::optional<SecretBytes>> sealed = keychain_.findGenericPasswordWithAccount(
       currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt);
-  if (!sealed) return;
-  std::optional<SecretBytes> key = keychain_.getAesEncryptKey();
-  if (!key) return;
-  writeLastPattern(lastPatternAccount(username), *key, *sealed);
+  if (!sealed) return sealed.error();
+  Result<std::optional<SecretBytes>> key = keychain_.getAesEncryptKey();
+  if (!key) return key.error();
+  if (!*sealed || !*key) return {};
+  return writeLastPattern(lastPatternAccount(username), **key, **sealed);
 }
 
-void PatternManager::updateLastPatternForTheFirstTime() {
-  std::optional<std::vector<std::string>> accounts =
+Result<void> PatternManager::updateLastPatternForTheFirstTime() {
+  Result<std::vector<std::string>> accounts =
       keychain_.findGenericPasswordAccountDescWithService(Keychain::kServicePatternLock);
-  if (!accounts) return;
+  if (!accounts) return accounts.error();
+  Result<std::optional<SecretBytes>> key = keychain_.getAesEncryptKey();
+  if (!key) return key.error();
+  if (!*key) return {};
   for (const std::string& account : *accounts) {
-    std::optional<SecretBytes> key = keychain_.getAesEncryptKey();
-    if (!key) return;
-    std::optional<SecretBytes> sealed = keychain_.findGenericPasswordWithAccount(
+    Result<std::optional<SecretBytes>> sealed = keychain_.findGenericPasswordWithAccount(
         account, Keychain::kServicePatternLock, std::nullopt);
-    if (!sealed) continue;
-    writeLastPattern(std::string(Keychain::kServiceLastPatternLock) + "." + account, *key, *sealed);
+    if (!sealed) return sealed.error();
+    if (!*sealed) continue;
+    Result<void> kept = writeLastPattern(
+        std::string(Keychain::kServiceLastPatternLock) + "." + account, **key, **sealed);
+    if (!kept) return kept;
   }
+  return {};
 }
 
 }  // namespace corvane

@@ -6,8 +6,9 @@
 // SecretBytes buffer (wiped when released) and sealed before it is stored; it is never stored,
 // returned or logged in clear, and user names reach the store only as SHA-256 hex.
 //
-// No operation reports an error: missing items, short or damaged blobs, failed tag checks and
-// failed decodes make the comparisons false; storage failures of the writers are silent.
+// A store that fails is an error, never a "wrong pattern": a disk error must not count as a failed
+// try against the lockout. Missing items, short or damaged blobs, failed tag checks and failed
+// decodes make the comparisons false.
 //
 // Thread-safety: none of its own; calls must not overlap (the Keychain's ports serve one call at a
 // time).
@@ -22,6 +23,7 @@
 #include <string_view>
 
 #include "corvane/secret_bytes.h"
+#include "foundation/result.h"
 #include "storage/keychain.h"
 
 namespace corvane {
@@ -41,39 +43,43 @@ class PatternManager {
   explicit PatternManager(Keychain& keychain, RandomSource random = {});
 
   // The pattern-store key (account "0F3D#0002", service "AUTHNR.authKeyTag", read through
-  // getAesEncryptKey), made of 32 random bytes and stored first when there is none. Absent when it
-  // can be neither read nor stored.
-  std::optional<SecretBytes> getPatternLockEncryptKey();
+  // getAesEncryptKey), made of 32 random bytes and stored first when there is none. An error when
+  // it can be neither read nor made and stored.
+  Result<SecretBytes> getPatternLockEncryptKey();
 
-  // True when the user's current pattern item opens under the key and holds this pattern.
-  bool isCorrectPattern(std::span<const uint32_t> pattern, std::string_view username);
-  // True when the user's last pattern item opens under the key it carries and holds this pattern.
-  bool isSameAsLastPattern(std::span<const uint32_t> pattern, std::string_view username);
+  // True when the user's current pattern item opens under the key and holds this pattern; false
+  // for another pattern or no stored pattern; an error when the store fails.
+  Result<bool> isCorrectPattern(std::span<const uint32_t> pattern, std::string_view username);
+  // True when the user's last pattern item opens under the key it carries and holds this pattern;
+  // an error when the store fails.
+  Result<bool> isSameAsLastPattern(std::span<const uint32_t> pattern, std::string_view username);
   // Same length and same elements in the same order.
   static bool pattern(std::span<const uint32_t> pattern, std::span<const uint32_t> otherPattern);
 
   // Seals the pattern under the key and inserts or replaces the user's current pattern item.
-  void updatePattern(std::span<const uint32_t> pattern, std::string_view username);
-  // Copies the user's current sealed pattern, with the current key, into the last pattern item.
-  void updateLastPatternForUsername(std::string_view username);
+  Result<void> updatePattern(std::span<const uint32_t> pattern, std::string_view username);
+  // Copies the user's current sealed pattern, with the current key, into the last pattern item
+  // (nothing to do without a current pattern).
+  Result<void> updateLastPatternForUsername(std::string_view username);
   // Writes a last pattern item for every account that has a current pattern item.
-  void updateLastPatternForTheFirstTime();
+  Result<void> updateLastPatternForTheFirstTime();
 
   // The serialised form: "CP", version 1, the count as a big-endian 16-bit number, then each dot
   // index as a big-endian 32-bit number. Absent for a pattern longer than kMaxPatternLength.
-  static std::optional<SecretBytes> serializePattern(std::span<const uint32_t> pattern);
+  [[nodiscard]] static std::optional<SecretBytes> serializePattern(
+      std::span<const uint32_t> pattern);
   // True when `serialized` is exactly a serialised pattern (of this form) equal to `pattern`.
   // Any other content, even one that differs only in length, gives false.
   static bool serializedPatternEquals(const SecretBytes& serialized,
                                       std::span<const uint32_t> pattern);
 
   // AES-256-GCM under `key` with the 12-byte zero IV and empty additional data: ciphertext || tag.
-  static std::optional<SecretBytes> sealPattern(const SecretBytes& key,
-                                                const SecretBytes& serialized);
+  [[nodiscard]] static std::optional<SecretBytes> sealPattern(const SecretBytes& key,
+                                                              const SecretBytes& serialized);
   // The inverse. A blob shorter than 17 bytes (a tag and at least one byte) is refused before any
   // attempt to open it; absent too when the tag does not verify.
-  static std::optional<SecretBytes> openSealedPattern(const SecretBytes& key,
-                                                      const SecretBytes& sealed);
+  [[nodiscard]] static std::optional<SecretBytes> openSealedPattern(const SecretBytes& key,
+                                                                    const SecretBytes& sealed);
 
   // "<sha256 hex of the user name>.0F3D#0002" and
   // "AUTHNR.last_patternlock.<sha256 hex of the user name>.0F3D#0002".
@@ -82,8 +88,8 @@ class PatternManager {
 
  private:
   // Writes the last pattern item `account` holding `key` and the sealed pattern.
-  void writeLastPattern(const std::string& account, const SecretBytes& key,
-                        const SecretBytes& sealed);
+  Result<void> writeLastPattern(const std::string& account, const SecretBytes& key,
+                                const SecretBytes& sealed);
 
   Keychain& keychain_;
   RandomSource random_;

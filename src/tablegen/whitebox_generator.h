@@ -32,7 +32,7 @@ class XorCodebook {
   // Recovers the codes from the tables themselves; absent when some tree is not an encoded XOR.
   // Codes are fixed only up to an invertible affine change of each tree's coordinates, and any
   // such choice serves, since tables built for it compute the same XOR.
-  static std::optional<XorCodebook> recover(const XorTables& tables);
+  [[nodiscard]] static std::optional<XorCodebook> recover(const XorTables& tables);
 
   // The nibble that input `slot` (0-3: words a, b, c, d) of tree (round, column, byte, low)
   // must carry for the value `value`.
@@ -68,21 +68,22 @@ struct RoundTables {
 
 // A fresh Xor set (kXorEntryCount nibbles): every tree an XOR under random nibble bijections on its
 // inputs, its two intermediate values and its output.
-std::optional<std::vector<uint8_t>> generateXorTables();
+[[nodiscard]] std::optional<std::vector<uint8_t>> generateXorTables();
 
 // The round tables of AES-256 under `key` (kAes256KeySize bytes) for the given Xor set's codes,
 // with fresh random mixing bijections and byte encodings. Absent for a key of another size.
-std::optional<RoundTables> generateRoundTables(const SecretBytes& key, const XorCodebook& codebook);
+[[nodiscard]] std::optional<RoundTables> generateRoundTables(const SecretBytes& key,
+                                                             const XorCodebook& codebook);
 
 // An external encoding: 16 random byte permutations, or 16 identities.
-std::optional<std::vector<uint8_t>> generateExternalEncoding(bool identity);
+[[nodiscard]] std::optional<std::vector<uint8_t>> generateExternalEncoding(bool identity);
 
 // A complete built-in set for `key` in the library's binary form (see blob::): fresh Xor and
 // authXor sets and the round tables for the Xor set.
-std::optional<Bytes> generateBuiltinBlob(const SecretBytes& key);
+[[nodiscard]] std::optional<Bytes> generateBuiltinBlob(const SecretBytes& key);
 
 // The authXor set inside a blob in the library's binary form; absent when the blob is not valid.
-std::optional<XorTables> authXorFromBlob(ByteView blob);
+[[nodiscard]] std::optional<XorTables> authXorFromBlob(ByteView blob);
 
 // True when the network enciphers `blocks` random blocks exactly as AES-256-ECB under `key` does
 // (OpenSSL as the reference). Used to check freshly generated tables before they leave the tool.

@@ -43,19 +43,19 @@ struct AsmRig {
   std::string storedToken(std::string_view facet = kFacet) {
     auto value = keys.keychain->findGenericPasswordWithAccount(
         "CORVANE", std::string(facet) + ".asmToken", std::nullopt);
-    return value ? hexadecimalString(value->exposeSecret()) : "-";
+    return value && *value ? hexadecimalString((*value)->exposeSecret()) : "-";
   }
   std::string record(std::string_view prefix, std::string_view user, std::string_view keyID) {
-    auto value = keys.keychain->findGenericPasswordWithAccount(
+    return testing::shown(keys.keychain->findGenericPasswordWithAccount(
         Utils::sha256(user) + ".0F3D#0002", std::string(prefix) + "." + std::string(keyID),
-        std::string(prefix) + "." + Utils::sha256(user));
-    return value ? std::string(value->exposeSecretText()) : "-";
+        std::string(prefix) + "." + Utils::sha256(user)));
   }
   bool putRecord(std::string_view prefix, std::string_view user, std::string_view keyID,
                  std::string_view text) {
     return keys.keychain->insertOrUpdateGenericPasswordWithAccount(
-        Utils::sha256(user) + ".0F3D#0002", std::string(prefix) + "." + std::string(keyID),
-        std::string(prefix) + "." + Utils::sha256(user), testing::secret(text));
+               Utils::sha256(user) + ".0F3D#0002", std::string(prefix) + "." + std::string(keyID),
+               std::string(prefix) + "." + Utils::sha256(user),
+               testing::secret(text)) == StoreStatus::ok;
   }
   const testing::RecordingCorvaneDelegate::Answer& last() const { return delegate.answers.back(); }
 
@@ -188,7 +188,9 @@ TEST(AsmStatus, RegistrationStatusPaths) {
             {"Above18", REG((A{true, failure(19), error(19, "o")})), 1, error(1, "o"), true},
             {"NotSupported", REG((A{true, failure(6), {}})), 0, std::nullopt, true},
             {"NoKrd", REG((A{true, noKrd, {}})), 1, error(1, Asm::kIncompleteResponse), true},
-            {"HandleNotUtf8", REG((A{true, badHandle, {}})), 1, error(1, Asm::kInvalidText), true}},
+            {"HandleNotUtf8", REG((A{true, badHandle, {}})), 1, error(1, Asm::kInvalidText), true},
+            {"StoreUnreadable", ARRANGE(rig.keys.fake()->failAllReads(true)), 1,
+             error(1, "the item store failed."), false}},
            false);
 }
 
@@ -210,8 +212,32 @@ TEST(AsmStatus, AuthenticationStatusPaths) {
        {"PatternOff", SWITCH("N"), 20, error(20, "authenticator not active."), false},
        {"Null", SIGN((A{false, {}, std::nullopt})), 1, std::nullopt, true},
        {"Lockout", SIGN((A{true, {13, {}}, error(13, "l")})), 13, error(13, "l"), true},
-       {"UnknownCode", SIGN((A{true, {42, {}}, error(-7, "x")})), 1, error(1, "x"), true}},
+       {"UnknownCode", SIGN((A{true, {42, {}}, error(-7, "x")})), 1, error(1, "x"), true},
+       // A store that cannot be read says nothing about enrolment: never 14.
+       {"StoreUnreadable", ARRANGE(rig.keys.fake()->failAllReads(true)), 1,
+        error(1, "the item store failed."), false},
+       {"RecordUnreadable", ARRANGE(rig.keys.fake()->failReadsOfService("ASMKH.data.kid")), 1,
+        error(1, "the item store failed."), false}},
       true);
+}
+
+TEST_F(AsmTest, StoreFailuresAreNeverReportedAsAbsence) {
+  registerKey(rig_, *asm_, 2, "kid");
+  const AsmRequest registrations =
+      request(AsmRequestType::kGetRegistrations, GetRegistrationsIn{std::string(kUser)});
+  EXPECT_EQ(asm_->getRegistrations(registrations).statusCode, 0u);
+  rig_.keys.fake()->failAllReads(true);
+  EXPECT_EQ(asm_->getRegistrations(registrations).statusCode, 1u);
+  rig_.keys.fake()->failAllReads(false);
+  rig_.keys.fake()->failAllWrites(true);
+  for (const DeregisterIn& in : {DeregisterIn{std::string(kUser), std::nullopt, std::nullopt},
+                                 DeregisterIn{std::string(kUser), std::nullopt, "kid"},
+                                 DeregisterIn{std::nullopt, std::nullopt, "kid"}, DeregisterIn{}}) {
+    EXPECT_EQ(asm_->deregister(request(AsmRequestType::kDeregister, in)).statusCode, 1u)
+        << in.username.value_or("*") << "/" << in.keyID.value_or("*");
+  }
+  rig_.keys.fake()->failAllWrites(false);
+  EXPECT_EQ(rig_.record("ASMKH.data", kUser, "kid").substr(0, 12), R"({"callerId":)");
 }
 
 TEST_F(AsmTest, AuthenticationUsesTheFirstStoredKeyID) {

@@ -37,13 +37,15 @@ struct Installation {
     return Platform{items, keys, biometry, host, framework, defaults, clock, device};
   }
   void seed() {
-    ASSERT_TRUE(keychain.insertOrUpdateGenericPasswordWithAccount(
-        "record", "AUTHNR.data", std::nullopt, SecretBytes::fromText("{}")));
-    patterns.updatePattern(kAlice, "alice");
+    ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount(
+                  "record", "AUTHNR.data", std::nullopt, SecretBytes::fromText("{}")),
+              StoreStatus::ok);
+    ASSERT_TRUE(patterns.updatePattern(kAlice, "alice").ok());
   }
   bool recordKept() {
-    return keychain.findGenericPasswordWithAccount("record", "AUTHNR.data", std::nullopt)
-        .has_value();
+    const Result<std::optional<SecretBytes>> found =
+        keychain.findGenericPasswordWithAccount("record", "AUTHNR.data", std::nullopt);
+    return found && found->has_value();
   }
   size_t keyRemovals() const {
     size_t n = 0;
@@ -92,9 +94,9 @@ TEST(CorvaneFirstRunTest, EachFlagStateRunsItsStepOnce) {
     app.seed();
     Corvane first(nullptr, app.platform());
     EXPECT_EQ(app.recordKept(), !c.wipes);
-    EXPECT_EQ(app.patterns.isCorrectPattern(kAlice, "alice"), !c.wipes);
+    EXPECT_EQ(app.patterns.isCorrectPattern(kAlice, "alice").value(), !c.wipes);
     EXPECT_EQ(app.keyRemovals(), c.wipes ? 1u : 0u);
-    EXPECT_EQ(app.patterns.isSameAsLastPattern(kAlice, "alice"), c.recordsLastPattern);
+    EXPECT_EQ(app.patterns.isSameAsLastPattern(kAlice, "alice").value(), c.recordsLastPattern);
     EXPECT_TRUE(storedBool(*app.defaults, kUserDefaultsInstalledKey));
     EXPECT_TRUE(storedBool(*app.defaults, kUserDefaultsInitiatedKey));
 

@@ -44,6 +44,10 @@ class FakeItemStore : public ItemStore {
   void failWriteNumber(int n) { writesUntilFailure_ = n; }
   void failAllWrites(bool fail) { failAllWrites_ = fail; }
   void failAllReads(bool fail) { failAllReads_ = fail; }
+  // Reads whose query names this service fail; absent switches it off.
+  void failReadsOfService(std::optional<std::string> service) {
+    failReadService_ = std::move(service);
+  }
   // Creation times; by default each new item is one tick after the previous one.
   void setClock(std::function<int64_t()> clock) { clock_ = std::move(clock); }
   // The access group given to items added without one; none by default.
@@ -69,7 +73,7 @@ class FakeItemStore : public ItemStore {
   }
 
   StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) override {
-    if (failAllReads_) return record(Op::findFirst, query, StoreStatus::storeError);
+    if (readFault(query)) return record(Op::findFirst, query, StoreStatus::storeError);
     for (const Item& item : items_) {  // kept in insertion order: the first match is the oldest
       if (!matches(item, query)) continue;
       if (value != nullptr) *value = item.value;
@@ -79,7 +83,9 @@ class FakeItemStore : public ItemStore {
   }
 
   StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) override {
-    if (failAllReads_) return record(Op::findFirstAttributes, query, StoreStatus::storeError);
+    if (readFault(query)) {
+      return record(Op::findFirstAttributes, query, StoreStatus::storeError);
+    }
     for (const Item& item : items_) {
       if (!matches(item, query)) continue;
       if (attributes != nullptr) *attributes = item.attributes;
@@ -124,6 +130,10 @@ class FakeItemStore : public ItemStore {
     return status;
   }
 
+  bool readFault(const ItemQuery& query) const {
+    return failAllReads_ || (failReadService_ && query.service == failReadService_);
+  }
+
   bool writeFault() {
     ++writes_;
     if (writesUntilFailure_ > 0 && --writesUntilFailure_ == 0) return true;
@@ -157,7 +167,7 @@ class FakeItemStore : public ItemStore {
 
   StoreStatus list(const ItemQuery& query, std::optional<std::string> ItemAttributes::*member,
                    std::vector<std::string>* out) {
-    if (failAllReads_) return StoreStatus::storeError;
+    if (readFault(query)) return StoreStatus::storeError;
     std::vector<const Item*> found;
     for (const Item& item : items_) {
       if (matches(item, query) && (item.attributes.*member).has_value()) found.push_back(&item);
@@ -183,6 +193,7 @@ class FakeItemStore : public ItemStore {
   int writesUntilFailure_ = 0;
   bool failAllWrites_ = false;
   bool failAllReads_ = false;
+  std::optional<std::string> failReadService_;
 };
 
 }  // namespace corvane::testing

@@ -12,10 +12,6 @@ namespace fs = std::filesystem;
 using testing::writeFile;
 using Entries = std::map<std::string, std::string, std::less<>>;
 
-Bytes bytesOf(std::string_view text) {
-  return Bytes(text.begin(), text.end());
-}
-
 // UTF-16LE with a byte-order mark, from ASCII text.
 Bytes utf16le(std::string_view ascii) {
   Bytes out{0xFF, 0xFE};
@@ -31,23 +27,23 @@ TEST(StringsTableTest, KnownAnswers) {
   };
   const Case cases[] = {
       {{}, {}, true},
-      {bytesOf("/* head */\n\"a\"/*x*/=// line\n\"b\" ; "), {{"a", "b"}}, true},
-      {bytesOf(R"("k" = "q\" s\\ n\n t\t a\' \U00e9 \UD83D\uDE00 \z";)"),
+      {toBytes("/* head */\n\"a\"/*x*/=// line\n\"b\" ; "), {{"a", "b"}}, true},
+      {toBytes(R"("k" = "q\" s\\ n\n t\t a\' \U00e9 \UD83D\uDE00 \z";)"),
        {{"k", "q\" s\\ n\n t\t a' \xC3\xA9 \xF0\x9F\x98\x80 z"}},
        true},
-      {bytesOf(R"("only"; key.one = value_2; "a"="1";"a"="2";)"),
+      {toBytes(R"("only"; key.one = value_2; "a"="1";"a"="2";)"),
        {{"only", "only"}, {"key.one", "value_2"}, {"a", "2"}},
        true},
-      {bytesOf("\xEF\xBB\xBF\"a\" = \"b\";"), {{"a", "b"}}, true},
+      {toBytes("\xEF\xBB\xBF\"a\" = \"b\";"), {{"a", "b"}}, true},
       {utf16le(R"("a" = "b"; "c" = "\U00e9";)"), {{"a", "b"}, {"c", "\xC3\xA9"}}, true},
       // Malformed: the entries before the fault stay, nothing after it.
-      {bytesOf(R"("a"="1"; "b"="2" "c"="3";)"), {{"a", "1"}}, false},
-      {bytesOf(R"("a"="1"; "b" "2"; "c"="3";)"), {{"a", "1"}}, false},
-      {bytesOf(R"("a"="1"; "b"="2;)"), {{"a", "1"}}, false},
-      {bytesOf(R"("a"="1"; /* "b"="2";)"), {{"a", "1"}}, false},
-      {bytesOf(R"("a"="1"; "b"="\UD83D x";)"), {{"a", "1"}}, false},
-      {bytesOf(R"("a"="1"; "b"="\U0000";)"), {{"a", "1"}}, false},
-      {bytesOf("\"a\"=\"1\"; \"b\"=\"\xC0\xAF\";"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; "b"="2" "c"="3";)"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; "b" "2"; "c"="3";)"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; "b"="2;)"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; /* "b"="2";)"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; "b"="\UD83D x";)"), {{"a", "1"}}, false},
+      {toBytes(R"("a"="1"; "b"="\U0000";)"), {{"a", "1"}}, false},
+      {toBytes("\"a\"=\"1\"; \"b\"=\"\xC0\xAF\";"), {{"a", "1"}}, false},
       {[] {
          Bytes b = utf16le(R"("a"="1";)");
          b.push_back('x');
@@ -80,7 +76,7 @@ const std::string kInfoPlist = R"(<?xml version="1.0" encoding="UTF-8"?>
 
 TEST(PropertyListTest, ReadsEveryType) {
   Error error;
-  std::optional<InfoValue> info = parsePropertyList(bytesOf(kInfoPlist), &error);
+  std::optional<InfoValue> info = parsePropertyList(toBytes(kInfoPlist), &error);
   ASSERT_TRUE(info.has_value()) << error.localizedDescription();
   EXPECT_EQ(*info->member("CFBundleIdentifier")->string(), "com.example.app");
   EXPECT_EQ(info->member("flag")->boolean(), true);
@@ -98,11 +94,11 @@ TEST(PropertyListTest, RefusesNonDictionariesAndDamage) {
        {std::string_view(""), std::string_view("not a plist"),
         std::string_view("<plist version=\"1.0\"><string>a</string></plist>")}) {
     Error error;
-    EXPECT_FALSE(parsePropertyList(bytesOf(text), &error).has_value()) << text;
+    EXPECT_FALSE(parsePropertyList(toBytes(text), &error).has_value()) << text;
     EXPECT_EQ(error.domain(), kCorvaneErrorDomain);
   }
   // Every truncation and every bit flip either parses to a dictionary or is refused.
-  const Bytes data = bytesOf(kInfoPlist);
+  const Bytes data = toBytes(kInfoPlist);
   auto dictionaryOrRefused = [](ByteView bytes) {
     std::optional<InfoValue> info = parsePropertyList(bytes, nullptr);
     return !info || info->dictionary() != nullptr;

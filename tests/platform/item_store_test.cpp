@@ -61,12 +61,12 @@ class ItemStoreContract : public ::testing::Test {
   }
   std::vector<std::string> services(const ItemQuery& query) {
     std::vector<std::string> out;
-    store_->listServices(query, &out);
+    EXPECT_NE(store_->listServices(query, &out), StoreStatus::storeError);
     return out;
   }
   std::vector<std::string> accounts(const ItemQuery& query) {
     std::vector<std::string> out;
-    store_->listAccounts(query, &out);
+    EXPECT_NE(store_->listAccounts(query, &out), StoreStatus::storeError);
     return out;
   }
 
@@ -163,7 +163,7 @@ TEST_F(ItemStoreContract, RemoveWidensOverAbsentAttributes) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    store_->remove({});
+    ASSERT_NE(store_->remove({}), StoreStatus::storeError);
     for (const char* a : {"a1", "a2"}) {
       for (const char* s : {"s1", "s2"}) {
         for (int g = 1; g <= 2; ++g) {

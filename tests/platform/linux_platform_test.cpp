@@ -8,6 +8,7 @@
 
 #include "configuration/configuration.h"
 #include "storage/keychain.h"
+#include "storage/keychain_rig.h"
 #include "test_files.h"
 #include "test_support.h"
 
@@ -42,14 +43,16 @@ TEST(LinuxPlatformTest, PortsPersistPrivately) {
     ASSERT_TRUE(p) << error.localizedDescription();
     Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
     Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
-    EXPECT_EQ(keychain.bundleSeedID(), "ABCDE12345");
-    EXPECT_EQ(keychain.corvaneAccessGroup(), "ABCDE12345.com.example.linuxhost");
+    EXPECT_EQ(keychain.bundleSeedID().value(), "ABCDE12345");
+    EXPECT_EQ(keychain.corvaneAccessGroup().value(), "ABCDE12345.com.example.linuxhost");
     if (round == 0) {
-      ASSERT_TRUE(keychain.insertGenericPasswordWithAccount("acct", "AUTHNR.data", std::nullopt,
-                                                            SecretBytes::fromText("record")));
+      ASSERT_EQ(keychain.insertGenericPasswordWithAccount("acct", "AUTHNR.data", std::nullopt,
+                                                          SecretBytes::fromText("record")),
+                StoreStatus::ok);
     } else {
-      EXPECT_EQ(keychain.findGenericPasswordWithAccount("acct", "AUTHNR.data", std::nullopt),
-                SecretBytes::fromText("record"));
+      EXPECT_EQ(testing::shown(
+                    keychain.findGenericPasswordWithAccount("acct", "AUTHNR.data", std::nullopt)),
+                "record");
     }
   }
   EXPECT_EQ(modeOf(rig.options.dataDirectory.value()), 0700u);

@@ -45,8 +45,8 @@ std::string row(User user, std::string_view table, std::string_view perm = "p") 
 Rows contents(CoreDataManager& m) {
   Rows out;
   auto records = m.fetchRecordsFromTable("WBTable", kAll);
-  EXPECT_TRUE(records.has_value());
-  for (const auto& r : records.value_or(std::vector<WBTable>{})) {
+  EXPECT_TRUE(records.ok());
+  for (const auto& r : records ? *records : std::vector<WBTable>{}) {
     out.push_back(r.username.value_or("nil") + "|" + text(r.wbTable) + "|" + text(r.permutations));
   }
   return out;
@@ -103,7 +103,7 @@ TEST_F(CoreDataManagerTest, ValuesSurviveClosingAndReopeningByteForByte) {
     for (const auto& v : written) ASSERT_TRUE(m.insertRecordWithRecordValues(v, "WBTable"));
   }
   auto m = manager();
-  auto records = m.fetchRecordsFromTable("WBTable", kAll).value_or(std::vector<WBTable>{});
+  auto records = m.fetchRecordsFromTable("WBTable", kAll).value();
   ASSERT_EQ(records.size(), written.size());
   for (size_t i = 0; i < written.size(); ++i) {
     EXPECT_EQ(records[i].username, Utils::sha256(*written[i].username));
@@ -153,7 +153,8 @@ TEST_F(CoreDataManagerTest, DamagedStoresFailEveryOperationAndStayAsFound) {
     const auto before = snapshot(dataDir());
 
     EXPECT_FALSE(insert(m, "a", "t"));
-    EXPECT_FALSE(m.fetchRecordsFromTable("WBTable", kAll).has_value());
+    EXPECT_EQ(m.fetchRecordsFromTable("WBTable", kAll).error().code(), 10000);
+    EXPECT_FALSE(m.fetchFirstRecordFromTable("WBTable", kAll).ok());
     EXPECT_FALSE(m.deleteRecord("WBTable", kAll));
     EXPECT_TRUE(m.save());
     EXPECT_EQ(snapshot(dataDir()), before);

@@ -77,4 +77,10 @@ inline SecretBytes secret(std::string_view text) {
   return SecretBytes::fromText(text);
 }
 
+// A read's outcome as text: "!" when the store failed, "-" when nothing matched, else the value.
+inline std::string shown(const Result<std::optional<SecretBytes>>& found) {
+  if (!found) return "!";
+  return *found ? std::string((*found)->exposeSecretText()) : "-";
+}
+
 }  // namespace corvane::testing

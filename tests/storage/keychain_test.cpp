@@ -16,9 +16,11 @@
 namespace corvane {
 namespace {
 
+using testing::FakeItemStore;
 using testing::KeychainRig;
 using testing::ScriptedBiometry;
 using testing::secret;
+using testing::shown;
 using testing::StoreKind;
 using Attribute = Keychain::Attribute;
 
@@ -26,9 +28,7 @@ class KeychainTest : public ::testing::TestWithParam<StoreKind> {
  protected:
   void SetUp() override { ASSERT_TRUE(rig_.opened()); }
   std::string value(Attribute account, Attribute service, Attribute generic = std::nullopt) {
-    std::optional<SecretBytes> found =
-        k().findGenericPasswordWithAccount(account, service, generic);
-    return found ? std::string(found->exposeSecretText()) : "-";
+    return shown(k().findGenericPasswordWithAccount(account, service, generic));
   }
   Keychain& k() { return *rig_.keychain; }
   KeychainRig rig_{GetParam()};
@@ -38,68 +38,120 @@ TEST_P(KeychainTest, ItemOperations) {
   EXPECT_EQ(k().corvaneQueryLabelForLastPatternLock(),
             Bytes(std::string_view("AUTHNR.last_patternlock.com.example.host.Corvane").begin(),
                   std::string_view("AUTHNR.last_patternlock.com.example.host.Corvane").end()));
-  EXPECT_TRUE(k().insertGenericPasswordWithAccount("a", "s", "g", secret("one")));
-  EXPECT_FALSE(k().insertGenericPasswordWithAccount("a", "s", "other", secret("two")));
-  EXPECT_TRUE(k().insertOrUpdateGenericPasswordWithAccount("a", "s", "g", secret("three")));
+  EXPECT_EQ(k().insertGenericPasswordWithAccount("a", "s", "g", secret("one")), StoreStatus::ok);
+  EXPECT_EQ(k().insertGenericPasswordWithAccount("a", "s", "other", secret("two")),
+            StoreStatus::duplicate);
+  EXPECT_EQ(k().insertOrUpdateGenericPasswordWithAccount("a", "s", "g", secret("three")),
+            StoreStatus::ok);
   EXPECT_EQ(value("a", "s", "g"), "three");
-  EXPECT_FALSE(k().updateGenericPasswordWithAccount("missing", "s", "g", secret("x")));
+  EXPECT_EQ(k().updateGenericPasswordWithAccount("missing", "s", "g", secret("x")),
+            StoreStatus::notFound);
   for (std::string account : {"b", "c"}) {
-    ASSERT_TRUE(k().insertGenericPasswordWithAccount(account, "s", "g", secret("v")));
+    ASSERT_EQ(k().insertGenericPasswordWithAccount(account, "s", "g", secret("v")),
+              StoreStatus::ok);
   }
-  EXPECT_EQ(k().findGenericPasswordAccountDescWithService("s"),
+  EXPECT_EQ(k().findGenericPasswordAccountDescWithService("s").value(),
             std::vector<std::string>({"c", "b", "a"}));
-  EXPECT_EQ(k().findGenericPasswordAccountDescWithService("none"), std::nullopt);
+  EXPECT_EQ(k().findGenericPasswordAccountDescWithService("none").value(),
+            std::vector<std::string>());
 }
 
 TEST_P(KeychainTest, AbsentArgumentsWidenDeletes) {
   const struct {
     Attribute account, service, generic;
-    bool result;
+    StoreStatus result;
     std::set<std::string> left;
   } cases[] = {
-      {"a1", "s1", "g2", false, {"a1/s1", "a1/s2", "a2/s1", "a2/s2"}},
-      {"a1", std::nullopt, std::nullopt, true, {"a2/s1", "a2/s2"}},
-      {std::nullopt, std::nullopt, "g1", true, {"a1/s2", "a2/s2"}},
-      {std::nullopt, std::nullopt, std::nullopt, true, {}},
+      {"a1", "s1", "g2", StoreStatus::notFound, {"a1/s1", "a1/s2", "a2/s1", "a2/s2"}},
+      {"a1", std::nullopt, std::nullopt, StoreStatus::ok, {"a2/s1", "a2/s2"}},
+      {std::nullopt, std::nullopt, "g1", StoreStatus::ok, {"a1/s2", "a2/s2"}},
+      {std::nullopt, std::nullopt, std::nullopt, StoreStatus::ok, {}},
   };
   for (const auto& c : cases) {
     KeychainRig rig(GetParam());
     Keychain& k = *rig.keychain;
     for (std::string a : {"a1", "a2"}) {
       for (std::string s : {"s1", "s2"}) {
-        ASSERT_TRUE(k.insertGenericPasswordWithAccount(a, s, s == "s1" ? "g1" : "g2", secret(a)));
+        ASSERT_EQ(k.insertGenericPasswordWithAccount(a, s, s == "s1" ? "g1" : "g2", secret(a)),
+                  StoreStatus::ok);
       }
     }
-    ASSERT_TRUE(k.insertGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt,
-                                                   secret("last")));
+    ASSERT_EQ(k.insertGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt,
+                                                 secret("last")),
+              StoreStatus::ok);
     EXPECT_EQ(k.deleteGenericPasswordWithAccount(c.account, c.service, c.generic), c.result);
     std::set<std::string> left;
     for (std::string a : {"a1", "a2"}) {
       for (std::string s : {"s1", "s2"}) {
-        if (k.findGenericPasswordWithAccount(a, s, std::nullopt)) left.insert(a + "/" + s);
+        if (shown(k.findGenericPasswordWithAccount(a, s, std::nullopt)) != "-") {
+          left.insert(a + "/" + s);
+        }
       }
     }
     EXPECT_EQ(left, c.left) << c.account.value_or("*") << c.generic.value_or("*");
-    EXPECT_TRUE(k.findGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt));
+    EXPECT_EQ(
+        shown(k.findGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt)),
+        "last");
   }
 }
 
 TEST_P(KeychainTest, LastPatternItemSurvivesDeregAllDatasAndFallsToReset) {
-  ASSERT_TRUE(k().insertGenericPasswordWithAccount("u", "AUTHNR.data", "g", secret("record")));
-  ASSERT_TRUE(k().insertGenericPasswordWithAccount("u", "AUTHNR.last_patternlock", std::nullopt,
-                                                   secret("last")));
+  ASSERT_EQ(k().insertGenericPasswordWithAccount("u", "AUTHNR.data", "g", secret("record")),
+            StoreStatus::ok);
+  ASSERT_EQ(k().insertGenericPasswordWithAccount("u", "AUTHNR.last_patternlock", std::nullopt,
+                                                 secret("last")),
+            StoreStatus::ok);
   KeyAttributes labelled;
   labelled.label = k().corvaneQueryLabel();
   labelled.accessGroup = std::string(KeychainRig::kGroup);
   ASSERT_EQ(rig_.keys.generate("labelled.key", labelled, nullptr), StoreStatus::ok);
-  EXPECT_TRUE(k().deregAllDatas());
+  EXPECT_EQ(k().deregAllDatas(), StoreStatus::ok);
   EXPECT_EQ(value("u", "AUTHNR.data"), "-");
   EXPECT_EQ(value("u", "AUTHNR.last_patternlock"), "last");
-  EXPECT_FALSE(k().deregAllDatas());
-  EXPECT_TRUE(k().resetAllKeyChain());
+  EXPECT_EQ(k().deregAllDatas(), StoreStatus::notFound);
+  EXPECT_EQ(k().resetAllKeyChain(), StoreStatus::ok);
   EXPECT_EQ(value("u", "AUTHNR.last_patternlock"), "-");
   EXPECT_FALSE(rig_.keys.contains("labelled.key"));
-  EXPECT_EQ(k().corvaneAccessGroup(), KeychainRig::kGroup);  // the seed item stays
+  EXPECT_EQ(k().corvaneAccessGroup().value(), KeychainRig::kGroup);  // the seed item stays
+}
+
+TEST_P(KeychainTest, EncryptKeyFallsBackOnlyWhenTheFirstIsAbsent) {
+  EXPECT_EQ(shown(k().getAesEncryptKey()), "-");
+  ASSERT_EQ(k().insertGenericPasswordWithAccount("0F3D#0002", "AUTHNR.encryptKey", std::nullopt,
+                                                 secret("older")),
+            StoreStatus::ok);
+  EXPECT_EQ(shown(k().getAesEncryptKey()), "older");
+  ASSERT_EQ(k().insertGenericPasswordWithAccount("0F3D#0002", "AUTHNR.authKeyTag", std::nullopt,
+                                                 secret("newer")),
+            StoreStatus::ok);
+  EXPECT_EQ(shown(k().getAesEncryptKey()), "newer");
+  if (FakeItemStore* fake = rig_.fake()) {
+    // A first place that cannot be read is a failure, not a reason to use the older key.
+    fake->failReadsOfService("AUTHNR.authKeyTag");
+    EXPECT_EQ(shown(k().getAesEncryptKey()), "!");
+  }
+}
+
+TEST(KeychainStoreFailureTest, ReadsTellAFailingStoreFromAnAbsentItem) {
+  KeychainRig rig(StoreKind::fake);
+  Keychain& k = *rig.keychain;
+  ASSERT_EQ(k.insertGenericPasswordWithAccount("a", "s", std::nullopt, secret("v")),
+            StoreStatus::ok);
+  rig.fake()->failAllReads(true);
+  const Result<std::optional<SecretBytes>> found =
+      k.findGenericPasswordWithAccount("a", "s", std::nullopt);
+  ASSERT_FALSE(found.ok());
+  EXPECT_EQ(found.error().code(), -36);
+  EXPECT_FALSE(k.findGenericPasswordServicesDescWithAccount("a", std::nullopt).ok());
+  EXPECT_FALSE(k.findGenericPasswordAccountDescWithService("s").ok());
+  EXPECT_EQ(k.deleteGenericPasswordWithAccount("a", "s", std::nullopt), StoreStatus::storeError);
+  rig.fake()->failAllReads(false);
+  rig.fake()->failAllWrites(true);
+  EXPECT_EQ(k.deleteGenericPasswordWithAccount("a", "s", std::nullopt), StoreStatus::storeError);
+  EXPECT_EQ(k.deregAllDatas(), StoreStatus::storeError);
+  EXPECT_EQ(k.resetAllKeyChain(), StoreStatus::storeError);
+  rig.fake()->failAllWrites(false);
+  EXPECT_EQ(shown(k.findGenericPasswordWithAccount("a", "s", std::nullopt)), "v");
 }
 
 TEST_P(KeychainTest, BiometryItemsAndEnrolmentChanges) {
@@ -108,7 +160,8 @@ TEST_P(KeychainTest, BiometryItemsAndEnrolmentChanges) {
     KeychainRig rig(GetParam());
     rig.setSecurityLevel(level);
     Keychain& k = *rig.keychain;
-    ASSERT_TRUE(k.insertGenericPasswordWithAccount("u", "AUTHNR.data", "g", secret("record")));
+    ASSERT_EQ(k.insertGenericPasswordWithAccount("u", "AUTHNR.data", "g", secret("record")),
+              StoreStatus::ok);
     Error error;
     ASSERT_TRUE(k.insertBioAuthDataWithAccount("acc", "svc", std::nullopt, secret("bio"), &error));
     rig.biometry.changeEnrolment();
@@ -116,7 +169,8 @@ TEST_P(KeychainTest, BiometryItemsAndEnrolmentChanges) {
     std::optional<SecretBytes> read =
         k.findBioAuthDataWithAccount("acc", "svc", std::nullopt, "p", &error);
     EXPECT_EQ(read, survives ? std::optional(secret("bio")) : std::nullopt) << level;
-    EXPECT_EQ(k.findGenericPasswordWithAccount("u", "AUTHNR.data", "g").has_value(), survives);
+    EXPECT_EQ(shown(k.findGenericPasswordWithAccount("u", "AUTHNR.data", "g")),
+              survives ? "record" : "-");
     if (!survives) {
       EXPECT_EQ(error, Error::corvane(-25300, "Unable find item to keychain with status : -25300"));
     }
@@ -179,7 +233,9 @@ TEST_P(KeychainTest, AttestationSignatureVerifies) {
 
 TEST_P(KeychainTest, NoAccessGroupMeansNoAccess) {
   KeychainRig rig(GetParam(), /*defaultAccessGroup=*/false);
-  EXPECT_FALSE(rig.keychain->insertGenericPasswordWithAccount("a", "s", "g", secret("v")));
+  EXPECT_EQ(rig.keychain->insertGenericPasswordWithAccount("a", "s", "g", secret("v")),
+            StoreStatus::storeError);
+  EXPECT_EQ(rig.keychain->findGenericPasswordWithAccount("a", "s", "g").error().code(), -34018);
   Error error;
   EXPECT_FALSE(
       rig.keychain->insertBioAuthDataWithAccount("a", "s", std::nullopt, secret("v"), &error));

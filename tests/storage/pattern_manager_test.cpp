@@ -15,6 +15,7 @@ namespace {
 
 using testing::KeychainRig;
 using testing::secret;
+using testing::shown;
 using testing::StoreKind;
 using Pattern = std::vector<uint32_t>;
 
@@ -67,46 +68,57 @@ class PatternManagerTest : public ::testing::Test {
 };
 
 TEST_F(PatternManagerTest, CorrectAndIncorrectPatternPerUser) {
-  manager_.updatePattern(Pattern{1, 2, 3}, "alice");
-  manager_.updatePattern(Pattern{3, 2, 1}, "bob");
-  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice"));
-  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{3, 2, 1}, "alice"));
-  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{3, 2, 1}, "bob"));
-  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "carol"));
+  ASSERT_TRUE(manager_.updatePattern(Pattern{1, 2, 3}, "alice").ok());
+  ASSERT_TRUE(manager_.updatePattern(Pattern{3, 2, 1}, "bob").ok());
+  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice").value());
+  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{3, 2, 1}, "alice").value());
+  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{3, 2, 1}, "bob").value());
+  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "carol").value());
   EXPECT_EQ(PatternManager::lastPatternAccount("abc"),
             "AUTHNR.last_patternlock."
             "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad.0F3D#0002");
-  manager_.updatePattern(Pattern{4, 5}, "alice");  // replaces
-  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{4, 5}, "alice"));
-  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice"));
+  ASSERT_TRUE(manager_.updatePattern(Pattern{4, 5}, "alice").ok());  // replaces
+  EXPECT_TRUE(manager_.isCorrectPattern(Pattern{4, 5}, "alice").value());
+  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice").value());
+  // A store that cannot be read is an error, never a wrong pattern that would count against the
+  // lockout; nor is a pattern that could not be stored a success.
+  rig_.fake()->failAllReads(true);
+  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{4, 5}, "alice").ok());
+  EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{4, 5}, "alice").ok());
+  EXPECT_FALSE(manager_.updateLastPatternForTheFirstTime().ok());
+  rig_.fake()->failAllReads(false);
+  rig_.fake()->failAllWrites(true);
+  EXPECT_FALSE(manager_.updatePattern(Pattern{6, 7}, "alice").ok());
+  EXPECT_FALSE(manager_.updateLastPatternForUsername("alice").ok());
 }
 
 TEST_F(PatternManagerTest, SameAsLastPatternCarriesItsOwnKey) {
-  manager_.updatePattern(Pattern{1, 2, 3}, "alice");
-  EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice"));  // no last item yet
-  manager_.updateLastPatternForUsername("alice");
-  EXPECT_TRUE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice"));
-  EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{3, 2, 1}, "alice"));
-  ASSERT_TRUE(rig_.keychain->insertOrUpdateGenericPasswordWithAccount(
-      Keychain::kAaid, Keychain::kServiceAuthKeyTag, std::nullopt,
-      SecretBytes::fromText("a different key of 32 bytes ....")));
-  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice"));
-  EXPECT_TRUE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice"));
+  ASSERT_TRUE(manager_.updatePattern(Pattern{1, 2, 3}, "alice").ok());
+  EXPECT_FALSE(
+      manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice").value());  // no last item yet
+  ASSERT_TRUE(manager_.updateLastPatternForUsername("alice").ok());
+  EXPECT_TRUE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice").value());
+  EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{3, 2, 1}, "alice").value());
+  ASSERT_EQ(rig_.keychain->insertOrUpdateGenericPasswordWithAccount(
+                Keychain::kAaid, Keychain::kServiceAuthKeyTag, std::nullopt,
+                SecretBytes::fromText("a different key of 32 bytes ....")),
+            StoreStatus::ok);
+  EXPECT_FALSE(manager_.isCorrectPattern(Pattern{1, 2, 3}, "alice").value());
+  EXPECT_TRUE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice").value());
 
   const std::string account = PatternManager::lastPatternAccount("alice");
-  const std::string text(
-      rig_.keychain
-          ->findGenericPasswordWithAccount(account, Keychain::kServiceLastPatternLock, std::nullopt)
-          ->exposeSecretText());
+  const std::string text(shown(rig_.keychain->findGenericPasswordWithAccount(
+      account, Keychain::kServiceLastPatternLock, std::nullopt)));
   const std::string key = text.substr(13, 43), sealed = text.substr(74, 44);
   ASSERT_EQ(text, "{\"last_key\":\"" + key + "\",\"last_pattern\":\"" + sealed + "\"}");
   for (const std::string& junk :
        {std::string("{}"), "{\"last_key\":1,\"last_pattern\":\"" + sealed + "\"}",
         "{\"last_key\":\"" + key + "\",\"last_pattern\":\"" + sealed + "*\"}",
         text.substr(0, text.size() - 1)}) {
-    ASSERT_TRUE(rig_.keychain->insertOrUpdateGenericPasswordWithAccount(
-        account, Keychain::kServiceLastPatternLock, std::nullopt, secret(junk)));
-    EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice")) << junk;
+    ASSERT_EQ(rig_.keychain->insertOrUpdateGenericPasswordWithAccount(
+                  account, Keychain::kServiceLastPatternLock, std::nullopt, secret(junk)),
+              StoreStatus::ok);
+    EXPECT_FALSE(manager_.isSameAsLastPattern(Pattern{1, 2, 3}, "alice").value()) << junk;
   }
 }
 
@@ -115,9 +127,9 @@ TEST(PatternManagerSqliteTest, NoClearUserNameOrPatternInTheStoreFiles) {
   ASSERT_TRUE(rig.opened());
   PatternManager manager(*rig.keychain);
   const std::string user = "alice.liddell@example.org";
-  manager.updatePattern(Pattern{0, 4, 8, 5, 2}, user);
-  manager.updateLastPatternForUsername(user);
-  ASSERT_TRUE(manager.isSameAsLastPattern(Pattern{0, 4, 8, 5, 2}, user));
+  ASSERT_TRUE(manager.updatePattern(Pattern{0, 4, 8, 5, 2}, user).ok());
+  ASSERT_TRUE(manager.updateLastPatternForUsername(user).ok());
+  ASSERT_TRUE(manager.isSameAsLastPattern(Pattern{0, 4, 8, 5, 2}, user).value());
   std::string contents;
   for (const char* suffix : {"", "-wal"}) {
     std::ifstream in(rig.file().string() + suffix, std::ios::binary);

@@ -70,7 +70,7 @@ class BiometryPort {
   virtual BiometryType biometryType() const = 0;
   // An opaque token that changes whenever the enrolled fingers or faces change; absent when the
   // device has no usable biometry.
-  virtual std::optional<std::vector<uint8_t>> enrolmentState() const = 0;
+  [[nodiscard]] virtual std::optional<std::vector<uint8_t>> enrolmentState() const = 0;
 
   // Turns `value` into its protected form (into `protectedForm` when not null), bound as asked.
   // Shows no prompt.

@@ -37,6 +37,7 @@ namespace corvane {
 // Outcome of a store call. `notFound` answers a query that matched nothing (the platform
 // keychain's errSecItemNotFound), `duplicate` an add whose identity is taken, `storeError` any
 // failure of the store itself (I/O, corruption, lock time-out, a failing fake).
+// Dropping one drops a failure, so the type is [[nodiscard]].
 enum class StoreStatus { ok, notFound, duplicate, storeError };
 
 struct ItemQuery {

@@ -29,8 +29,8 @@ struct AuthenticationRequest {
   static constexpr std::string_view kOperation = kOpAuth;
   static constexpr std::string_view kMissingMessageLabel = "authenticationRequest ";
   static std::span<const jsonmodel::Property<AuthenticationRequest>> properties();
-  static std::optional<AuthenticationRequest> fromJson(const nlohmann::json& json,
-                                                       Error* error = nullptr);
+  [[nodiscard]] static std::optional<AuthenticationRequest> fromJson(const nlohmann::json& json,
+                                                                     Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const AuthenticationRequest&) const = default;
@@ -43,8 +43,8 @@ struct AuthenticatorSignAssertion {
 
   static constexpr std::string_view kModelName = "AuthenticatorSignAssertion";
   static std::span<const jsonmodel::Property<AuthenticatorSignAssertion>> properties();
-  static std::optional<AuthenticatorSignAssertion> fromJson(const nlohmann::json& json,
-                                                            Error* error = nullptr);
+  [[nodiscard]] static std::optional<AuthenticatorSignAssertion> fromJson(
+      const nlohmann::json& json, Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const AuthenticatorSignAssertion&) const = default;
@@ -57,8 +57,8 @@ struct AuthenticationResponse {
 
   static constexpr std::string_view kModelName = "AuthenticationResponse";
   static std::span<const jsonmodel::Property<AuthenticationResponse>> properties();
-  static std::optional<AuthenticationResponse> fromJson(const nlohmann::json& json,
-                                                        Error* error = nullptr);
+  [[nodiscard]] static std::optional<AuthenticationResponse> fromJson(const nlohmann::json& json,
+                                                                      Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const AuthenticationResponse&) const = default;

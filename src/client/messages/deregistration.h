@@ -21,8 +21,8 @@ struct DeregisterAuthenticator {
 
   static constexpr std::string_view kModelName = "DeregisterAuthenticator";
   static std::span<const jsonmodel::Property<DeregisterAuthenticator>> properties();
-  static std::optional<DeregisterAuthenticator> fromJson(const nlohmann::json& json,
-                                                         Error* error = nullptr);
+  [[nodiscard]] static std::optional<DeregisterAuthenticator> fromJson(const nlohmann::json& json,
+                                                                       Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const DeregisterAuthenticator&) const = default;
@@ -43,8 +43,8 @@ struct DeregistrationRequest {
   // one text instead of the parser's or the mapper's.
   static constexpr std::string_view kUnreadableRequestText = "Json Serialization error.";
   static std::span<const jsonmodel::Property<DeregistrationRequest>> properties();
-  static std::optional<DeregistrationRequest> fromJson(const nlohmann::json& json,
-                                                       Error* error = nullptr);
+  [[nodiscard]] static std::optional<DeregistrationRequest> fromJson(const nlohmann::json& json,
+                                                                     Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const DeregistrationRequest&) const = default;

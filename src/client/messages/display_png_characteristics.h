@@ -23,8 +23,8 @@ struct RGBPaletteEntry {
 
   static constexpr std::string_view kModelName = "RGBPaletteEntry";
   static std::span<const jsonmodel::Property<RGBPaletteEntry>> properties();
-  static std::optional<RGBPaletteEntry> fromJson(const nlohmann::json& json,
-                                                 Error* error = nullptr);
+  [[nodiscard]] static std::optional<RGBPaletteEntry> fromJson(const nlohmann::json& json,
+                                                               Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const RGBPaletteEntry&) const = default;
@@ -42,8 +42,8 @@ struct DisplayPNGCharacteristicsDescriptor {
 
   static constexpr std::string_view kModelName = "DisplayPNGCharacteristicsDescriptor";
   static std::span<const jsonmodel::Property<DisplayPNGCharacteristicsDescriptor>> properties();
-  static std::optional<DisplayPNGCharacteristicsDescriptor> fromJson(const nlohmann::json& json,
-                                                                     Error* error = nullptr);
+  [[nodiscard]] static std::optional<DisplayPNGCharacteristicsDescriptor> fromJson(
+      const nlohmann::json& json, Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const DisplayPNGCharacteristicsDescriptor&) const = default;

@@ -25,7 +25,8 @@ struct Extension {
 
   static constexpr std::string_view kModelName = "Extension";
   static std::span<const jsonmodel::Property<Extension>> properties();
-  static std::optional<Extension> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<Extension> fromJson(const nlohmann::json& json,
+                                                         Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const Extension&) const = default;

@@ -30,8 +30,8 @@ struct OperationHeader {
 
   static constexpr std::string_view kModelName = "OperationHeader";
   static std::span<const jsonmodel::Property<OperationHeader>> properties();
-  static std::optional<OperationHeader> fromJson(const nlohmann::json& json,
-                                                 Error* error = nullptr);
+  [[nodiscard]] static std::optional<OperationHeader> fromJson(const nlohmann::json& json,
+                                                               Error* error = nullptr);
   // Sets every property the dictionary names; nothing is required and values that do not fit
   // are skipped.
   static OperationHeader fromDictionary(const nlohmann::json& dictionary);

@@ -25,7 +25,8 @@ struct Policy {
 
   static constexpr std::string_view kModelName = "Policy";
   static std::span<const jsonmodel::Property<Policy>> properties();
-  static std::optional<Policy> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<Policy> fromJson(const nlohmann::json& json,
+                                                      Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const Policy&) const = default;
@@ -48,7 +49,8 @@ struct MatchCriteria {
 
   static constexpr std::string_view kModelName = "MatchCriteria";
   static std::span<const jsonmodel::Property<MatchCriteria>> properties();
-  static std::optional<MatchCriteria> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<MatchCriteria> fromJson(const nlohmann::json& json,
+                                                             Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const MatchCriteria&) const = default;

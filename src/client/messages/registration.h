@@ -30,8 +30,8 @@ struct RegistrationRequest {
   static constexpr std::string_view kOperation = kOpReg;
   static constexpr std::string_view kMissingMessageLabel = "registrationRequest ";
   static std::span<const jsonmodel::Property<RegistrationRequest>> properties();
-  static std::optional<RegistrationRequest> fromJson(const nlohmann::json& json,
-                                                     Error* error = nullptr);
+  [[nodiscard]] static std::optional<RegistrationRequest> fromJson(const nlohmann::json& json,
+                                                                   Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const RegistrationRequest&) const = default;
@@ -45,8 +45,8 @@ struct AuthenticatorRegistrationAssertion {
 
   static constexpr std::string_view kModelName = "AuthenticatorRegistrationAssertion";
   static std::span<const jsonmodel::Property<AuthenticatorRegistrationAssertion>> properties();
-  static std::optional<AuthenticatorRegistrationAssertion> fromJson(const nlohmann::json& json,
-                                                                    Error* error = nullptr);
+  [[nodiscard]] static std::optional<AuthenticatorRegistrationAssertion> fromJson(
+      const nlohmann::json& json, Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const AuthenticatorRegistrationAssertion&) const = default;
@@ -59,8 +59,8 @@ struct RegistrationResponse {
 
   static constexpr std::string_view kModelName = "RegistrationResponse";
   static std::span<const jsonmodel::Property<RegistrationResponse>> properties();
-  static std::optional<RegistrationResponse> fromJson(const nlohmann::json& json,
-                                                      Error* error = nullptr);
+  [[nodiscard]] static std::optional<RegistrationResponse> fromJson(const nlohmann::json& json,
+                                                                    Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const RegistrationResponse&) const = default;

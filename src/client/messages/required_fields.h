@@ -146,7 +146,7 @@ struct RequestCheckContext {
 // appID, serverData, upv, op "Reg", challenge, username, header extensions; then upv 1.1.
 // Returns the outgoing extensions; absent with MISS_REQUIRED_FIELD, UNKNOWN or
 // UNSUPPORTED_VERSION.
-std::optional<std::vector<Extension>> checkRegistrationRequest(
+[[nodiscard]] std::optional<std::vector<Extension>> checkRegistrationRequest(
     const std::optional<RegistrationRequest>& message,
     std::optional<std::string_view> userVerification, const RequestCheckContext& context,
     Error* error);
@@ -154,7 +154,7 @@ std::optional<std::vector<Extension>> checkRegistrationRequest(
 // Authentication: "authenticationRequest " (reported at once), policy lists, appID, serverData,
 // upv, op "Auth", challenge, "transaction " once when any transaction fails checkTransaction,
 // header extensions; then upv 1.1.
-std::optional<std::vector<Extension>> checkAuthenticationRequest(
+[[nodiscard]] std::optional<std::vector<Extension>> checkAuthenticationRequest(
     const std::optional<AuthenticationRequest>& message, const RequestCheckContext& context,
     Error* error);
 

@@ -26,7 +26,8 @@ struct Transaction {
 
   static constexpr std::string_view kModelName = "Transaction";
   static std::span<const jsonmodel::Property<Transaction>> properties();
-  static std::optional<Transaction> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<Transaction> fromJson(const nlohmann::json& json,
+                                                           Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const Transaction&) const = default;

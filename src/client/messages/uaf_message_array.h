@@ -22,11 +22,12 @@ inline constexpr std::string_view kNotAMessageArrayText = "UAF request is not a 
 
 // The request text as JSON; absent with INVALID_ARGUMENT (60001) and the parser's description
 // when it is not JSON (nesting deeper than the parser's bound included).
-std::optional<nlohmann::json> parseUafRequestText(std::string_view text, Error* error);
+[[nodiscard]] std::optional<nlohmann::json> parseUafRequestText(std::string_view text,
+                                                                Error* error);
 
 // The version of a message element as the walk sees it: its header's "upv" mapped onto a
 // Version, or absent when there is none to map.
-std::optional<Version> messageVersion(const nlohmann::json& element);
+[[nodiscard]] std::optional<Version> messageVersion(const nlohmann::json& element);
 
 // Result of the version walk. `message` is absent when no element was chosen; the request check
 // then reports the request's own label.
@@ -43,8 +44,8 @@ struct UafMessageChoice {
 // error's description. Elements that are not objects are never chosen. A value that is not an
 // array stops with INVALID_ARGUMENT.
 template <class Request>
-std::optional<UafMessageChoice<Request>> chooseUafMessage(const nlohmann::json& messages,
-                                                          Error* error) {
+[[nodiscard]] std::optional<UafMessageChoice<Request>> chooseUafMessage(
+    const nlohmann::json& messages, Error* error) {
   auto invalid = [&](std::string_view text) {
     setError(error, Error::corvane(code(CorvaneStatusCode::INVALID_ARGUMENT), std::string(text)));
     return std::nullopt;
@@ -81,8 +82,8 @@ std::optional<UafMessageChoice<Request>> chooseUafMessage(const nlohmann::json& 
 // parseUafRequestText then chooseUafMessage. Deregistration replaces the parser's description
 // with its own fixed text.
 template <class Request>
-std::optional<UafMessageChoice<Request>> chooseUafMessageFromText(std::string_view text,
-                                                                  Error* error) {
+[[nodiscard]] std::optional<UafMessageChoice<Request>> chooseUafMessageFromText(
+    std::string_view text, Error* error) {
   std::optional<nlohmann::json> messages = parseUafRequestText(text, error);
   if (!messages) {
     if constexpr (requires { Request::kUnreadableRequestText; }) {

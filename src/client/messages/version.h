@@ -22,7 +22,8 @@ struct Version {
 
   static constexpr std::string_view kModelName = "Version";
   static std::span<const jsonmodel::Property<Version>> properties();
-  static std::optional<Version> fromJson(const nlohmann::json& json, Error* error = nullptr);
+  [[nodiscard]] static std::optional<Version> fromJson(const nlohmann::json& json,
+                                                       Error* error = nullptr);
   nlohmann::json toJson() const;
   std::string toJsonString() const;
   bool operator==(const Version&) const = default;

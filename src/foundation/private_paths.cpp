@@ -1,4 +1,4 @@
-#include "linux/private_paths.h"
+#include "foundation/private_paths.h"
 
 #include <cerrno>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace corvane::linux_platform {
+namespace corvane {
 
 namespace {
 
@@ -65,4 +65,4 @@ bool makeFilePrivate(const std::filesystem::path& file, Error* error) {
   return true;
 }
 
-}  // namespace corvane::linux_platform
+}  // namespace corvane
