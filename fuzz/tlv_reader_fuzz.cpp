@@ -67,6 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const ByteView input(data, size);
   ByteWriter writer(size);
   walk(ByteReader(input), writer, 0);
+  check(writer.ok());  // every length read back fits in 16 bits
   const ByteView output = writer.bytes();
   check(output.size() == input.size());
   for (size_t i = 0; i < size; ++i) check(output[i] == input[i]);

@@ -65,13 +65,16 @@ std::string TlvHelper::randomStringWithLength(int64_t count) {
 }
 
 Bytes TlvHelper::makeAssertionInfo(bool isReg, bool isTxAuth) {
-  ByteWriter writer(7);
-  writer.addU16(tlv::kAuthenticatorVersion);
-  writer.addU8(isTxAuth && !isReg ? tlv::kAuthenticationModeTransactionConfirmed
-                                  : tlv::kAuthenticationModeUserVerified);
-  writer.addU16(tlv::UAF_ALG_SIGN_SECP256R1_ECDSA_SHA256_DER);
-  if (isReg) writer.addU16(tlv::UAF_ALG_KEY_ECC_X962_DER);
-  return writer.release();
+  Bytes info = encodeIntUint16(tlv::kAuthenticatorVersion);
+  info.push_back(isTxAuth && !isReg ? tlv::kAuthenticationModeTransactionConfirmed
+                                    : tlv::kAuthenticationModeUserVerified);
+  const Bytes algorithm = encodeIntUint16(tlv::UAF_ALG_SIGN_SECP256R1_ECDSA_SHA256_DER);
+  info.insert(info.end(), algorithm.begin(), algorithm.end());
+  if (isReg) {
+    const Bytes keyAlgorithm = encodeIntUint16(tlv::UAF_ALG_KEY_ECC_X962_DER);
+    info.insert(info.end(), keyAlgorithm.begin(), keyAlgorithm.end());
+  }
+  return info;
 }
 
 Bytes TlvHelper::getCounters(uint64_t signCounter, uint64_t regCounter, bool isReg) {
@@ -83,11 +86,15 @@ Bytes TlvHelper::getCounters(uint64_t signCounter, uint64_t regCounter, bool isR
   return counters;
 }
 
-Bytes TlvHelper::getExtensionData(const Extension& extension) {
-  ByteWriter writer(8 + textOrEmpty(extension.extID).size() + textOrEmpty(extension.data).size());
+void TlvHelper::addExtensionData(ByteWriter& writer, const Extension& extension) {
   writer.addElement(tlv::TAG_EXTENSION_ID, textOrEmpty(extension.extID));
   writer.addElement(tlv::TAG_EXTENSION_DATA, textOrEmpty(extension.data));
-  return writer.release();
+}
+
+std::optional<Bytes> TlvHelper::getExtensionData(const Extension& extension) {
+  ByteWriter writer(8 + textOrEmpty(extension.extID).size() + textOrEmpty(extension.data).size());
+  addExtensionData(writer, extension);
+  return writer.finish();
 }
 
 void TlvHelper::addExtensions(ByteWriter& writer, const AssertionFields& fields) {
@@ -95,7 +102,8 @@ void TlvHelper::addExtensions(ByteWriter& writer, const AssertionFields& fields)
   for (const Extension& extension : *fields.exts) {
     const uint16_t tag = extension.failIfUnknown.value_or(false) ? tlv::TAG_EXTENSION
                                                                  : tlv::TAG_EXTENSION_NON_CRITICAL;
-    writer.addElement(tag, getExtensionData(extension));
+    ByteWriter::Element element = writer.openElement(tag);
+    addExtensionData(writer, extension);
   }
 }
 
@@ -111,10 +119,10 @@ void TlvHelper::addKrd(ByteWriter& writer, const AssertionFields& fields) {
   addExtensions(writer, fields);
 }
 
-Bytes TlvHelper::getKrdData(const AssertionFields& fields) {
+std::optional<Bytes> TlvHelper::getKrdData(const AssertionFields& fields) {
   ByteWriter writer(estimatedSize(fields));
   addKrd(writer, fields);
-  return writer.release();
+  return writer.finish();
 }
 
 std::optional<Bytes> TlvHelper::getSignature(ByteView data, std::string_view privateTagString) {
@@ -125,52 +133,63 @@ std::optional<Bytes> TlvHelper::getSignatureBasicFull(ByteView data) {
   return keychain_.signSHA256withECDSAX962ForBasicFull(data);
 }
 
-Bytes TlvHelper::getAttestationBasicFull(ByteView toSign) {
-  const Bytes signature = getSignatureBasicFull(toSign).value_or(Bytes());
+std::optional<Bytes> TlvHelper::getAttestationBasicFull(ByteView toSign) {
+  const std::optional<Bytes> signature = getSignatureBasicFull(toSign);
+  if (!signature || signature->empty()) return std::nullopt;
   const ByteView certificate = attestationCertificateDer();
-  ByteWriter writer(8 + signature.size() + certificate.size());
-  writer.addElement(tlv::TAG_SIGNATURE, signature);
+  ByteWriter writer(8 + signature->size() + certificate.size());
+  writer.addElement(tlv::TAG_SIGNATURE, *signature);
   writer.addElement(tlv::TAG_ATTESTATION_CERT, certificate);
-  return writer.release();
+  return writer.finish();
 }
 
-Bytes TlvHelper::getAttestationBasicSurrogate(ByteView toSign, std::string_view privateTagString) {
-  const Bytes signature = getSignature(toSign, privateTagString).value_or(Bytes());
-  ByteWriter writer(4 + signature.size());
-  writer.addElement(tlv::TAG_SIGNATURE, signature);
-  return writer.release();
+std::optional<Bytes> TlvHelper::getAttestationBasicSurrogate(ByteView toSign,
+                                                             std::string_view privateTagString) {
+  const std::optional<Bytes> signature = getSignature(toSign, privateTagString);
+  if (!signature || signature->empty()) return std::nullopt;
+  ByteWriter writer(4 + signature->size());
+  writer.addElement(tlv::TAG_SIGNATURE, *signature);
+  return writer.finish();
 }
 
-void TlvHelper::addRegAssertionData(ByteWriter& writer, const AssertionFields& fields) {
+bool TlvHelper::addRegAssertionData(ByteWriter& writer, const AssertionFields& fields) {
   const size_t krdStart = writer.size();
   {
     ByteWriter::Element krd = writer.openElement(tlv::TAG_UAFV1_KRD);
     addKrd(writer, fields);
   }
+  // Nothing is signed that cannot be sent.
+  if (!writer.ok()) return false;
   // The attestation signature covers the whole KRD element: tag, length and value.
-  const Bytes attestation = getAttestationBasicFull(writer.bytes().subspan(krdStart));
-  writer.addElement(tlv::TAG_ATTESTATION_BASIC_FULL, attestation);
+  const std::optional<Bytes> attestation =
+      getAttestationBasicFull(writer.bytes().subspan(krdStart));
+  if (!attestation) return false;
+  writer.addElement(tlv::TAG_ATTESTATION_BASIC_FULL, *attestation);
+  return true;
 }
 
-Bytes TlvHelper::getRegAssertionData(const AssertionFields& fields,
-                                     std::string_view /*privateTagString*/) {
+std::optional<Bytes> TlvHelper::getRegAssertionData(const AssertionFields& fields,
+                                                    std::string_view /*privateTagString*/) {
   ByteWriter writer(estimatedSize(fields) + attestationCertificateDer().size());
-  addRegAssertionData(writer, fields);
-  return writer.release();
+  if (!addRegAssertionData(writer, fields)) return std::nullopt;
+  return writer.finish();
 }
 
-std::string TlvHelper::getRegAssertions(const AssertionFields& fields,
-                                        std::string_view /*privateTagString*/) {
+std::optional<std::string> TlvHelper::getRegAssertions(const AssertionFields& fields,
+                                                       std::string_view /*privateTagString*/) {
   ByteWriter writer(estimatedSize(fields) + attestationCertificateDer().size());
+  bool made = false;
   {
     ByteWriter::Element assertion = writer.openElement(tlv::TAG_UAFV1_REG_ASSERTION);
-    addRegAssertionData(writer, fields);
+    made = addRegAssertionData(writer, fields);
   }
+  if (!made || !writer.ok()) return std::nullopt;
   return Utils::base64URLSafeStringFromData(writer.bytes());
 }
 
-void TlvHelper::addSignedData(ByteWriter& writer, const AssertionFields& fields) {
+bool TlvHelper::addSignedData(ByteWriter& writer, const AssertionFields& fields) {
   const std::string nonce = nonceSource_();
+  if (nonce.empty()) return false;
   writer.addElement(tlv::TAG_AAID, textOrEmpty(fields.aaid));
   writer.addElement(tlv::TAG_ASSERTION_INFO,
                     makeAssertionInfo(false, fields.isTxAuth.value_or(false)));
@@ -180,41 +199,49 @@ void TlvHelper::addSignedData(ByteWriter& writer, const AssertionFields& fields)
   writer.addElement(tlv::TAG_KEYID, textOrEmpty(fields.keyID));
   writer.addElement(tlv::TAG_COUNTERS, getCounters(fields.signCounter.value_or(0), 0, false));
   addExtensions(writer, fields);
+  return true;
 }
 
-Bytes TlvHelper::getAuthSignedData(const AssertionFields& fields) {
+std::optional<Bytes> TlvHelper::getAuthSignedData(const AssertionFields& fields) {
   ByteWriter writer(estimatedSize(fields));
-  addSignedData(writer, fields);
-  return writer.release();
+  if (!addSignedData(writer, fields)) return std::nullopt;
+  return writer.finish();
 }
 
-void TlvHelper::addAuthAssertionData(ByteWriter& writer, const AssertionFields& fields,
+bool TlvHelper::addAuthAssertionData(ByteWriter& writer, const AssertionFields& fields,
                                      std::string_view privateTagString) {
   const size_t signedStart = writer.size();
+  bool made = false;
   {
     ByteWriter::Element signedData = writer.openElement(tlv::TAG_UAFV1_SIGNED_DATA);
-    addSignedData(writer, fields);
+    made = addSignedData(writer, fields);
   }
+  // Nothing is signed that cannot be sent.
+  if (!made || !writer.ok()) return false;
   // The user's signature covers the whole signed-data element: tag, length and value.
-  const Bytes signature =
-      getSignature(writer.bytes().subspan(signedStart), privateTagString).value_or(Bytes());
-  writer.addElement(tlv::TAG_SIGNATURE, signature);
+  const std::optional<Bytes> signature =
+      getSignature(writer.bytes().subspan(signedStart), privateTagString);
+  if (!signature || signature->empty()) return false;
+  writer.addElement(tlv::TAG_SIGNATURE, *signature);
+  return true;
 }
 
-Bytes TlvHelper::getAuthAssertionData(const AssertionFields& fields,
-                                      std::string_view privateTagString) {
+std::optional<Bytes> TlvHelper::getAuthAssertionData(const AssertionFields& fields,
+                                                     std::string_view privateTagString) {
   ByteWriter writer(estimatedSize(fields));
-  addAuthAssertionData(writer, fields, privateTagString);
-  return writer.release();
+  if (!addAuthAssertionData(writer, fields, privateTagString)) return std::nullopt;
+  return writer.finish();
 }
 
-std::string TlvHelper::getAuthAssertions(const AssertionFields& fields,
-                                         std::string_view privateTagString) {
+std::optional<std::string> TlvHelper::getAuthAssertions(const AssertionFields& fields,
+                                                        std::string_view privateTagString) {
   ByteWriter writer(estimatedSize(fields));
+  bool made = false;
   {
     ByteWriter::Element assertion = writer.openElement(tlv::TAG_UAFV1_AUTH_ASSERTION);
-    addAuthAssertionData(writer, fields, privateTagString);
+    made = addAuthAssertionData(writer, fields, privateTagString);
   }
+  if (!made || !writer.ok()) return std::nullopt;
   return Utils::base64URLSafeStringFromData(writer.bytes());
 }
 

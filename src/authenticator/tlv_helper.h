@@ -4,9 +4,11 @@
 // order are fixed; docs/tlv.md shows both layouts.
 //
 // The builders do not validate their input: an absent text or byte field is written as an empty
-// value, an absent number as 0. A signature that cannot be made is written as an empty
-// TAG_SIGNATURE element and the assertion is still returned; the authenticator decides the
-// status of its response.
+// value, an absent number as 0. They answer absent, and no assertion is made, when a value is too
+// long for its 16-bit length (over 65,535 bytes, extension data included), when a signature
+// cannot be made, or when the nonce source gives an empty nonce: a relying party never receives
+// an assertion with a cut length, an empty signature or an empty authenticator nonce. The
+// authenticator answers an error instead.
 //
 // Signing reaches the key store, so a TlvHelper is an object over a Keychain (and a nonce source
 // for the sign assertion's authenticator nonce); the pure encoders are static.
@@ -72,28 +74,33 @@ class TlvHelper {
 
   // base64url of the whole registration assertion (TAG_UAFV1_REG_ASSERTION). The assertion is
   // signed with the attestation key only; `privateTagString` is accepted and not used.
-  std::string getRegAssertions(const AssertionFields& fields, std::string_view privateTagString);
+  [[nodiscard]] std::optional<std::string> getRegAssertions(const AssertionFields& fields,
+                                                            std::string_view privateTagString);
   // The value of TAG_UAFV1_REG_ASSERTION: the KRD element, then TAG_ATTESTATION_BASIC_FULL.
-  Bytes getRegAssertionData(const AssertionFields& fields, std::string_view privateTagString);
+  [[nodiscard]] std::optional<Bytes> getRegAssertionData(const AssertionFields& fields,
+                                                         std::string_view privateTagString);
   // The value of TAG_UAFV1_KRD.
-  static Bytes getKrdData(const AssertionFields& fields);
+  [[nodiscard]] static std::optional<Bytes> getKrdData(const AssertionFields& fields);
   // The value of TAG_ATTESTATION_BASIC_FULL: the attestation signature over `toSign`, then the
   // attestation certificate.
-  Bytes getAttestationBasicFull(ByteView toSign);
+  [[nodiscard]] std::optional<Bytes> getAttestationBasicFull(ByteView toSign);
   // One TAG_SIGNATURE element over `toSign` with the user's key under `privateTagString`.
   // Surrogate attestation is never used by the built-in authenticators.
-  Bytes getAttestationBasicSurrogate(ByteView toSign, std::string_view privateTagString);
+  [[nodiscard]] std::optional<Bytes> getAttestationBasicSurrogate(
+      ByteView toSign, std::string_view privateTagString);
 
   // base64url of the whole sign assertion (TAG_UAFV1_AUTH_ASSERTION), signed with the user's key
   // under `privateTagString`.
-  std::string getAuthAssertions(const AssertionFields& fields, std::string_view privateTagString);
+  [[nodiscard]] std::optional<std::string> getAuthAssertions(const AssertionFields& fields,
+                                                             std::string_view privateTagString);
   // The value of TAG_UAFV1_AUTH_ASSERTION: the signed-data element, then TAG_SIGNATURE.
-  Bytes getAuthAssertionData(const AssertionFields& fields, std::string_view privateTagString);
+  [[nodiscard]] std::optional<Bytes> getAuthAssertionData(const AssertionFields& fields,
+                                                          std::string_view privateTagString);
   // The value of TAG_UAFV1_SIGNED_DATA, with a fresh nonce.
-  Bytes getAuthSignedData(const AssertionFields& fields);
+  [[nodiscard]] std::optional<Bytes> getAuthSignedData(const AssertionFields& fields);
 
   // The value of one extension element: TAG_EXTENSION_ID then TAG_EXTENSION_DATA.
-  static Bytes getExtensionData(const Extension& extension);
+  [[nodiscard]] static std::optional<Bytes> getExtensionData(const Extension& extension);
   // Version 1, the authentication mode (2 only for a confirmed transaction outside registration),
   // the signature algorithm and, for a registration, the public-key algorithm: 7 or 5 bytes.
   static Bytes makeAssertionInfo(bool isReg, bool isTxAuth);
@@ -116,12 +123,15 @@ class TlvHelper {
   static std::string randomStringWithLength(int64_t count);
 
  private:
+  // The add* steps write into one writer; those that return false found that no assertion can be
+  // made (a failed signature, an empty nonce, or a writer that refused a value).
   static void addKrd(ByteWriter& writer, const AssertionFields& fields);
+  static void addExtensionData(ByteWriter& writer, const Extension& extension);
   static void addExtensions(ByteWriter& writer, const AssertionFields& fields);
-  void addSignedData(ByteWriter& writer, const AssertionFields& fields);
-  void addRegAssertionData(ByteWriter& writer, const AssertionFields& fields);
-  void addAuthAssertionData(ByteWriter& writer, const AssertionFields& fields,
-                            std::string_view privateTagString);
+  [[nodiscard]] bool addSignedData(ByteWriter& writer, const AssertionFields& fields);
+  [[nodiscard]] bool addRegAssertionData(ByteWriter& writer, const AssertionFields& fields);
+  [[nodiscard]] bool addAuthAssertionData(ByteWriter& writer, const AssertionFields& fields,
+                                          std::string_view privateTagString);
 
   Keychain& keychain_;
   NonceSource nonceSource_;

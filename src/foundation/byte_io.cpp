@@ -13,6 +13,10 @@ void ByteWriter::addU32(uint32_t value) {
 }
 
 void ByteWriter::addElement(uint16_t tag, ByteView value) {
+  if (value.size() > kMaxLength) {
+    failed_ = true;
+    return;
+  }
   addU16(tag);
   addU16(static_cast<uint16_t>(value.size()));
   addBytes(value);
@@ -31,6 +35,7 @@ void ByteWriter::Element::close() {
   // A writer that was released while the element was open has nothing left to patch.
   if (bytes.size() < lengthAt_ + 2) return;
   const size_t length = bytes.size() - lengthAt_ - 2;
+  if (length > kMaxLength) writer_->failed_ = true;
   bytes[lengthAt_] = static_cast<uint8_t>(length);
   bytes[lengthAt_ + 1] = static_cast<uint8_t>(length >> 8);
 }

@@ -2,7 +2,9 @@
 // 16-bit length, then the value; both little-endian), as the UAF assertions are laid out.
 //
 // The writer appends; a nested element is opened, filled and closed, and its length is written
-// when it closes. The reader walks a span it does not own, advances only when a read succeeds, and
+// when it closes. A value longer than a 16-bit length can carry (65,535 bytes) is refused, not cut:
+// the writer fails and stays failed, as BoringSSL's CBB does, so that no caller can send a length
+// that makes the rest of the value parse as further elements. The reader walks a span it does not own, advances only when a read succeeds, and
 // hands out an element's value as a sub-reader bounded to that value. Neither throws or reads
 // outside its bytes, so the reader is safe on untrusted input.
 #pragma once
@@ -26,13 +28,13 @@ class ByteWriter {
   void addU32(uint32_t value);
   void addBytes(ByteView bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
 
-  // One whole element: tag, the low 16 bits of the value's length, the value.
+  // One whole element: tag, the value's length, the value. A value over 65,535 bytes writes
+  // nothing and fails the writer.
   void addElement(uint16_t tag, ByteView value);
 
   // An open element: its tag and a zero length are written when it opens; close() (or the
-  // destructor) fills in the low 16 bits of the number of bytes written since. Lengths over
-  // 65,535 are cut, not refused, as the wire format has no room for them. Elements nest; close
-  // them in the reverse order of opening (scopes do that by themselves).
+  // destructor) fills in the number of bytes written since. More than 65,535 fails the writer.
+  // Elements nest; close them in the reverse order of opening (scopes do that by themselves).
   class Element {
    public:
     Element(ByteWriter& writer, uint16_t tag);
@@ -49,17 +51,23 @@ class ByteWriter {
   };
   [[nodiscard]] Element openElement(uint16_t tag) { return Element(*this, tag); }
 
+  // False once a value was refused; then nothing the writer holds may be used.
+  [[nodiscard]] bool ok() const { return !failed_; }
   size_t size() const { return bytes_.size(); }
   ByteView bytes() const { return bytes_; }
-  // Hands the bytes over and leaves the writer empty.
-  Bytes release() {
+  // Hands the bytes over, absent when the writer failed, and leaves the writer empty.
+  [[nodiscard]] std::optional<Bytes> finish() {
     Bytes out;
     out.swap(bytes_);
+    if (failed_) return std::nullopt;
     return out;
   }
 
  private:
+  static constexpr size_t kMaxLength = 0xFFFF;
+
   Bytes bytes_;
+  bool failed_ = false;
 };
 
 struct TlvElement;

@@ -162,21 +162,21 @@ TEST_F(TlvHelperTest, RegistrationAssertionMatchesGoldenAndVerifiesAgainstTheRoo
   const Bytes cert(der, der + std::max(derSize, 0));
   OPENSSL_free(der);
   const AssertionFields fields = fixedFields();
-  const Bytes assertion = decode(helper_.getRegAssertions(fields, kTag));
+  const Bytes assertion = decode(helper_.getRegAssertions(fields, kTag).value());
   const Bytes signature = signatureAt(assertion, 4 + 244 + 4);
   ASSERT_GE(signature.size(), 8u);
   EXPECT_EQ(assertion, regGolden(signature, cert));
-  const Bytes data = helper_.getRegAssertionData(fields, kTag);
+  const Bytes data = helper_.getRegAssertionData(fields, kTag).value();
   EXPECT_EQ(data, copy(ByteView(regGolden(signatureAt(data, 244 + 4), cert)).subspan(4)));
-  // Without an attestation key the signature element is empty and the rest is unchanged.
-  EXPECT_EQ(decode(TlvHelper(*rig_.keychain).getRegAssertions(fields, kTag)), regGolden({}, cert));
+  // Without an attestation key there is no assertion at all, never one with an empty signature.
+  EXPECT_FALSE(TlvHelper(*rig_.keychain).getRegAssertions(fields, kTag));
 
   ByteReader top(assertion);
   std::optional<ByteReader> reg = top.readElement(tlv::TAG_UAFV1_REG_ASSERTION);
   ASSERT_TRUE(reg && top.empty());
   std::optional<TlvElement> krd = reg->readElement();
   ASSERT_TRUE(krd && krd->tag == tlv::TAG_UAFV1_KRD);
-  EXPECT_EQ(TlvHelper::getKrdData(fields), copy(krd->value.rest()));
+  EXPECT_EQ(TlvHelper::getKrdData(fields).value(), copy(krd->value.rest()));
   expectFields(krd->value, {{tlv::TAG_AAID, TlvHelper::getBytes(*fields.aaid)},
                             {tlv::TAG_ASSERTION_INFO, hex("01000102000101")},
                             {tlv::TAG_FINAL_CHALLENGE_HASH, *fields.finalChallengeHash},
@@ -204,21 +204,21 @@ TEST_F(TlvHelperTest, RegistrationAssertionMatchesGoldenAndVerifiesAgainstTheRoo
 TEST_F(TlvHelperTest, SignAssertionMatchesGoldenAndVerifiesWithTheUserKey) {
   AssertionFields fields = fixedFields();
   fields.signCounter = 0x12345678;
-  const Bytes assertion = decode(helper_.getAuthAssertions(fields, kTag));
+  const Bytes assertion = decode(helper_.getAuthAssertions(fields, kTag).value());
   const Bytes signature = signatureAt(assertion, 4 + 191);
   ASSERT_GE(signature.size(), 8u);
   EXPECT_EQ(assertion, authGolden(signature));
-  const Bytes data = helper_.getAuthAssertionData(fields, kTag);
+  const Bytes data = helper_.getAuthAssertionData(fields, kTag).value();
   EXPECT_EQ(data, copy(ByteView(authGolden(signatureAt(data, 191))).subspan(4)));
-  // A key that is missing or cannot sign gives an empty signature element.
-  EXPECT_EQ(decode(helper_.getAuthAssertions(fields, "no.such.tag")), authGolden({}));
+  // A key that is missing or cannot sign gives no assertion.
+  EXPECT_FALSE(helper_.getAuthAssertions(fields, "no.such.tag"));
 
   ByteReader top(assertion);
   std::optional<ByteReader> auth = top.readElement(tlv::TAG_UAFV1_AUTH_ASSERTION);
   ASSERT_TRUE(auth && top.empty());
   std::optional<TlvElement> signedData = auth->readElement();
   ASSERT_TRUE(signedData && signedData->tag == tlv::TAG_UAFV1_SIGNED_DATA);
-  EXPECT_EQ(helper_.getAuthSignedData(fields), copy(signedData->value.rest()));
+  EXPECT_EQ(helper_.getAuthSignedData(fields).value(), copy(signedData->value.rest()));
   expectFields(signedData->value, {{tlv::TAG_AAID, TlvHelper::getBytes(*fields.aaid)},
                                    {tlv::TAG_ASSERTION_INFO, hex("0100020200")},
                                    {tlv::TAG_AUTHENTICATOR_NONCE, TlvHelper::getBytes("Ab3dE5g7")},
@@ -231,7 +231,10 @@ TEST_F(TlvHelperTest, SignAssertionMatchesGoldenAndVerifiesWithTheUserKey) {
   EXPECT_TRUE(testing::verifies(publicKey_, signedData->whole, signature));
   EXPECT_FALSE(testing::verifies(publicKey_, signedData->whole.subspan(4), signature));
   rig_.keys.failSign(true);
-  EXPECT_EQ(decode(helper_.getAuthAssertions(fields, kTag)), authGolden({}));
+  EXPECT_FALSE(helper_.getAuthAssertions(fields, kTag));
+  rig_.keys.failSign(false);
+  // An empty nonce gives no assertion either.
+  EXPECT_FALSE(TlvHelper(*rig_.keychain, [] { return std::string(); }).getAuthAssertions(fields, kTag));
 }
 
 TEST_F(TlvHelperTest, EncodersAndEmptyFields) {
@@ -254,14 +257,26 @@ TEST_F(TlvHelperTest, EncodersAndEmptyFields) {
   EXPECT_EQ(TlvHelper::makeAssertionInfo(true, true), hex("0100 01 0200 0101"));
   EXPECT_EQ(TlvHelper::makeAssertionInfo(false, false), hex("0100 01 0200"));
   EXPECT_EQ(TlvHelper::makeAssertionInfo(false, true), hex("0100 02 0200"));
-  EXPECT_EQ(TlvHelper::getExtensionData({}), hex("132E 0000 142E 0000"));
+  EXPECT_EQ(TlvHelper::getExtensionData({}).value(), hex("132E 0000 142E 0000"));
   // Absent fields are empty values and zero counters; absent tcHash still writes its element.
   const AssertionFields empty;
-  EXPECT_EQ(TlvHelper::getKrdData(empty), hex("0B2E0000 0E2E0700 01000102000101 0A2E0000 092E0000"
+  EXPECT_EQ(TlvHelper::getKrdData(empty).value(), hex("0B2E0000 0E2E0700 01000102000101 0A2E0000 092E0000"
                                               "0D2E0800 0000000000000000 0C2E0000"));
-  EXPECT_EQ(helper_.getAuthSignedData(empty),
+  EXPECT_EQ(helper_.getAuthSignedData(empty).value(),
             hex("0B2E0000 0E2E0500 0100010200 0F2E0800 4162336445356737 0A2E0000 102E0000"
                 "092E0000 0D2E0400 00000000"));
+}
+
+TEST_F(TlvHelperTest, ValuesTooLongForTheirLengthGiveNoAssertion) {
+  // A data element holds at most 65,535 bytes; an assertion holding a longer one is never made.
+  EXPECT_TRUE(TlvHelper::getExtensionData({"x", std::string(65535, 'd'), false}));
+  EXPECT_FALSE(TlvHelper::getExtensionData({"x", std::string(65536, 'd'), false}));
+  for (size_t size : {size_t{1000}, size_t{65536}}) {
+    AssertionFields fields = fixedFields();
+    fields.exts = std::vector<Extension>{{"x", std::string(size, 'd'), false}};
+    EXPECT_EQ(helper_.getAuthAssertions(fields, kTag).has_value(), size == 1000) << size;
+    EXPECT_EQ(helper_.getRegAssertions(fields, kTag).has_value(), size == 1000) << size;
+  }
 }
 
 }  // namespace
