@@ -191,11 +191,11 @@ void wipeSecretMembers(nlohmann::json& record) {
   }
 }
 
-// A stored record parsed as a JSON object; absent with the parse error, or with kInvalidRecord
-// when the value is JSON but not an object.
+// A stored record parsed as a JSON object; absent with kInvalidRecord otherwise. The parser's own
+// message is not passed on: it quotes the text, and the record holds a key handle and the token.
 std::optional<nlohmann::json> parseRecord(const SecretBytes& record, Error* error) {
-  std::optional<nlohmann::json> json = jsonmodel::parseJson(record.exposeSecretText(), error);
-  if (json && !json->is_object()) {
+  std::optional<nlohmann::json> json = jsonmodel::parseJson(record.exposeSecretText(), nullptr);
+  if (!json || !json->is_object()) {
     setError(error, asmError(kStatusError, Asm::kInvalidRecord));
     return std::nullopt;
   }

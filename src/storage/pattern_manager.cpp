@@ -21,7 +21,9 @@ constexpr std::string_view kLastPattern = "last_pattern";
 constexpr uint8_t kFormatMagic[2] = {'C', 'P'};
 constexpr uint8_t kFormatVersion = 1;
 constexpr size_t kFormatHeader = 5;
-constexpr size_t kSealedMinimum = PatternManager::kTagSize + 1;
+constexpr uint8_t kSealFormat = 0x01;
+// The format byte, the IV, at least one byte of ciphertext and the tag.
+constexpr size_t kSealedMinimum = 1 + PatternManager::kIvSize + 1 + PatternManager::kTagSize;
 
 // JSON whose texts (and the parser's token buffer) live in memory that is wiped when released, so
 // the key a last pattern item carries leaves no copy behind on the heap.
@@ -123,24 +125,27 @@ bool PatternManager::pattern(std::span<const uint32_t> pattern,
 
 std::optional<SecretBytes> PatternManager::sealPattern(const SecretBytes& key,
                                                        const SecretBytes& serialized) {
-  static constexpr std::array<uint8_t, kIvSize> kZeroIv{};
+  std::optional<Bytes> iv = Utils::randomBytesWithLength(kIvSize);
+  if (!iv) return std::nullopt;
   std::optional<IAGCipheredData> sealed = IAGAesGcm::cipheredDataByAuthenticatedEncryptingPlainData(
-      serialized.exposeSecret(), asBytes(""), kTagSize, kZeroIv, key.exposeSecret(), nullptr);
+      serialized.exposeSecret(), ByteView(), kTagSize, *iv, key.exposeSecret(), nullptr);
   if (!sealed) return std::nullopt;
-  SecretBytes out(sealed->buffer());
+  SecretBytes out(std::span<const uint8_t>(&kSealFormat, 1));
+  out.append(*iv);
+  out.append(sealed->buffer());
   out.append(sealed->authenticationTag());
   return out;
 }
 
 std::optional<SecretBytes> PatternManager::openSealedPattern(const SecretBytes& key,
                                                              const SecretBytes& sealed) {
-  static constexpr std::array<uint8_t, kIvSize> kZeroIv{};
   const std::span<const uint8_t> bytes = sealed.exposeSecret();
-  if (bytes.size() < kSealedMinimum) return std::nullopt;
-  const size_t split = bytes.size() - kTagSize;
-  const IAGCipheredData parts(Bytes(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(split)),
-                              Bytes(bytes.begin() + static_cast<ptrdiff_t>(split), bytes.end()));
-  return IAGAesGcm::plainDataByAuthenticatedDecryptingCipheredData(parts, asBytes(""), kZeroIv,
+  if (bytes.size() < kSealedMinimum || bytes[0] != kSealFormat) return std::nullopt;
+  const ByteView iv = bytes.subspan(1, kIvSize);
+  const ByteView cipher = bytes.subspan(1 + kIvSize, bytes.size() - 1 - kIvSize - kTagSize);
+  const ByteView tag = bytes.last(kTagSize);
+  const IAGCipheredData parts(Bytes(cipher.begin(), cipher.end()), Bytes(tag.begin(), tag.end()));
+  return IAGAesGcm::plainDataByAuthenticatedDecryptingCipheredData(parts, ByteView(), iv,
                                                                    key.exposeSecret(), nullptr);
 }
 

@@ -73,11 +73,13 @@ class PatternManager {
   static bool serializedPatternEquals(const SecretBytes& serialized,
                                       std::span<const uint32_t> pattern);
 
-  // AES-256-GCM under `key` with the 12-byte zero IV and empty additional data: ciphertext || tag.
+  // AES-256-GCM under `key` with a fresh random 12-byte IV and empty additional data:
+  // 0x01 (the format) || IV || ciphertext || tag. Two seals of one pattern never look alike, and
+  // no IV is used twice under the key, which also seals the key handles.
   [[nodiscard]] static std::optional<SecretBytes> sealPattern(const SecretBytes& key,
                                                               const SecretBytes& serialized);
-  // The inverse. A blob shorter than 17 bytes (a tag and at least one byte) is refused before any
-  // attempt to open it; absent too when the tag does not verify.
+  // The inverse. A blob of another format or too short to hold an IV, a tag and one byte is
+  // refused before any attempt to open it; absent too when the tag does not verify.
   [[nodiscard]] static std::optional<SecretBytes> openSealedPattern(const SecretBytes& key,
                                                                     const SecretBytes& sealed);
 

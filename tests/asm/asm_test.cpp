@@ -203,6 +203,8 @@ TEST(AsmStatus, AuthenticationStatusPaths) {
        {"NoneStored", ARRANGE(r = authentication({"x", "y"})), 14, noData, false},
        {"OtherUser", ARRANGE(r = authentication({"kid"}, "bob")), 14, noData, false},
        {"NotAnObject", RECORD("[1]"), 1, bad, false},
+       // A damaged record is never quoted: it holds the key handle and the token.
+       {"Damaged", RECORD(R"({"keyHandle":"secret-handle)"), 1, bad, false},
        {"NoKeyHandle", RECORD(R"({"userVerification":2})"), 1, bad, false},
        {"NegativeIndex", RECORD(R"({"keyHandle":"h","userVerification":-2})"), 1, bad, false},
        {"NoAuthenticator", RECORD(R"({"keyHandle":"h","userVerification":3})"), 10,

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -47,14 +49,23 @@ TEST(PatternFormatTest, SealedPatternTamperFails) {
   const SecretBytes key(Bytes(32, 7));
   const std::optional<SecretBytes> sealed = PatternManager::sealPattern(key, serialized({1, 2, 3}));
   ASSERT_TRUE(sealed);
-  ASSERT_EQ(sealed->size(), 17u + 16u);
+  // Format byte, 12-byte IV, 17 bytes of serialised pattern, 16-byte tag.
+  ASSERT_EQ(sealed->size(), 1u + 12u + 17u + 16u);
+  EXPECT_EQ(sealed->exposeSecret()[0], 0x01);
   EXPECT_EQ(PatternManager::openSealedPattern(key, *sealed), serialized({1, 2, 3}));
+  // Every seal draws its own IV: sealing the same pattern twice never gives the same bytes, so
+  // two users' equal patterns (or one user's old and new) cannot be told apart or XORed.
+  const std::optional<SecretBytes> again = PatternManager::sealPattern(key, serialized({1, 2, 3}));
+  ASSERT_TRUE(again);
+  EXPECT_NE(*again, *sealed);
+  EXPECT_FALSE(std::equal(sealed->exposeSecret().begin() + 1, sealed->exposeSecret().begin() + 13,
+                          again->exposeSecret().begin() + 1));
   for (size_t bit = 0; bit < sealed->size() * 8; ++bit) {
     SecretBytes flipped = *sealed;
     flipped.mutableSecret()[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
     EXPECT_FALSE(PatternManager::openSealedPattern(key, flipped)) << bit;
   }
-  // A tag alone is refused; one byte more is opened.
+  // Format, IV and tag alone are refused; one byte more is opened.
   EXPECT_FALSE(PatternManager::openSealedPattern(key, *PatternManager::sealPattern(key, {})));
   EXPECT_EQ(PatternManager::openSealedPattern(key, *PatternManager::sealPattern(key, secret("x"))),
             secret("x"));
@@ -109,7 +120,7 @@ TEST_F(PatternManagerTest, SameAsLastPatternCarriesItsOwnKey) {
   const std::string account = PatternManager::lastPatternAccount("alice");
   const std::string text(shown(rig_.keychain->findGenericPasswordWithAccount(
       account, Keychain::kServiceLastPatternLock, std::nullopt)));
-  const std::string key = text.substr(13, 43), sealed = text.substr(74, 44);
+  const std::string key = text.substr(13, 43), sealed = text.substr(74, 62);
   ASSERT_EQ(text, "{\"last_key\":\"" + key + "\",\"last_pattern\":\"" + sealed + "\"}");
   for (const std::string& junk :
        {std::string("{}"), "{\"last_key\":1,\"last_pattern\":\"" + sealed + "\"}",
