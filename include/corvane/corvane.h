@@ -62,10 +62,12 @@ class Corvane {
   // pattern as the last one. `delegate` is held strongly and may be null (results then go
   // nowhere). Every port of `platform` must be present (Platform::missingPort); an object built
   // without them has no stores: isInstalled() and isFirstInitialed() answer false and change
-  // nothing, setLanguage() does nothing and the version and model names are empty. Use create()
-  // to have that checked.
+  // nothing, setLanguage() does nothing and the version and model names are empty. A step that
+  // fails is skipped (nothing is wiped on a failure). Use create() to have all that reported.
   Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform);
-  // The same, or null with an error naming the missing port.
+  // The same, or null with the error: a missing port, stored settings that cannot be read, or a
+  // store that fails during the first-run steps. Only an item store without the installation
+  // marker counts as a fresh installation; a damaged settings file never does.
   static std::unique_ptr<Corvane> create(std::shared_ptr<AuthUIControllerDelegate> delegate,
                                          Platform platform, Error* error);
   ~Corvane();
@@ -74,8 +76,11 @@ class Corvane {
 
   const std::shared_ptr<AuthUIControllerDelegate>& authUIControllerDelegate() const;
 
-  // False exactly once per installation: the first call sets "Corvane.installed" and
-  // "Corvane.initiated" and flushes the user defaults. Answers the value read before the write.
+  // False exactly once per installation: when the item store holds no installation marker (and,
+  // for data kept before the marker existed, "Corvane.installed" is not set), the call writes the
+  // marker, sets "Corvane.installed" and "Corvane.initiated" and flushes the user defaults.
+  // Answers the state read before the write; true when the item store cannot be read, so that a
+  // failing store never looks like a fresh installation.
   bool isInstalled();
   // False exactly once: the first call that finds "Corvane.initiated" unset sets it and flushes.
   // Answers the value read before the write.
@@ -104,6 +109,10 @@ class Corvane {
   // The stores and services built over the platform (src/client/corvane_impl.h); null when the
   // platform lacks a port.
   struct Impl;
+  struct Unstarted {};
+  Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform, Unstarted);
+  // The first-run steps; false with the error when one fails.
+  bool start(Error* error);
   std::unique_ptr<Impl> impl_;
   std::shared_ptr<AuthUIControllerDelegate> authUIControllerDelegate_;
 };

@@ -167,6 +167,10 @@ class UserDefaults {
   // Writes pending changes to durable storage; false (and the error) when that fails, in which
   // case the changes stay pending and the next call tries again.
   [[nodiscard]] virtual bool synchronize(Error* error) = 0;
+  // Absent when the stored values were read, or there were none yet; otherwise why they could not
+  // be read (a damaged, oversized or unreadable store). The values then read as empty, and the
+  // library refuses to start rather than take that for a fresh installation.
+  [[nodiscard]] virtual std::optional<Error> loadError() const = 0;
 };
 
 }  // namespace corvane

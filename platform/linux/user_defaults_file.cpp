@@ -30,6 +30,12 @@ Error ioError(const std::string& what, const fs::path& path, int err) {
                         what + " " + path.string() + ": " + std::strerror(err));
 }
 
+Error damaged(const fs::path& path, std::string_view why) {
+  return Error::corvane(code(CorvaneStatusCode::UNKNOWN),
+                        "The user defaults file " + path.string() + " is damaged: " +
+                            std::string(why) + ". Move it away to start with default settings.");
+}
+
 enum class ReadResult { Missing, Read, Unreadable };
 
 ReadResult readSmallFile(const fs::path& path, std::string& out) {
@@ -66,7 +72,7 @@ struct UserDefaultsFile::State {
   mutable std::mutex mutex;
   Json values = Json::object();
   bool dirty = false;
-  bool corrupt = false;
+  std::optional<Error> loadError;
 };
 
 UserDefaultsFile::UserDefaultsFile(fs::path path, std::unique_ptr<State> state)
@@ -92,7 +98,7 @@ std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, E
     case ReadResult::Missing:
       break;
     case ReadResult::Unreadable:
-      state->corrupt = true;
+      state->loadError = damaged(path, "it cannot be read or is over 4 MiB");
       break;
     case ReadResult::Read: {
       Json parsed;
@@ -102,7 +108,7 @@ std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, E
         parsed = Json::value_t::discarded;
       }
       if (!parsed.is_object()) {
-        state->corrupt = true;
+        state->loadError = damaged(path, "it is not a JSON object");
         break;
       }
       // Only scalar members are kept: the flags are booleans and texts.
@@ -155,9 +161,9 @@ bool UserDefaultsFile::synchronize(Error* error) {
   return writeLocked(error);
 }
 
-bool UserDefaultsFile::wasCorrupt() const {
+std::optional<Error> UserDefaultsFile::loadError() const {
   std::lock_guard lock(state_->mutex);
-  return state_->corrupt;
+  return state_->loadError;
 }
 
 bool UserDefaultsFile::writeLocked(Error* error) {
@@ -200,7 +206,7 @@ bool UserDefaultsFile::writeLocked(Error* error) {
     ::close(dirFd);
   }
   state_->dirty = false;
-  state_->corrupt = false;
+  state_->loadError.reset();
   return true;
 }
 

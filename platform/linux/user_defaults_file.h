@@ -5,8 +5,9 @@
 // fsync, rename over the old one, fsync the folder), so a crash leaves either the old or the new
 // file, never a mix. The file is created 0600; missing folders are created 0700.
 //
-// A file that cannot be read as a JSON object (corrupt, truncated, too large) reads as empty and is
-// left untouched on disk until the next successful synchronize() with changes replaces it.
+// A file that exists but cannot be read as a JSON object (corrupt, truncated, too large, not a
+// regular file, unreadable) reads as empty, loadError() says why, and the file is left untouched
+// on disk until the next successful synchronize() with changes replaces it.
 // Pending changes are also written, best effort, when the object is destroyed.
 #pragma once
 
@@ -40,9 +41,9 @@ class UserDefaultsFile final : public UserDefaults {
   [[nodiscard]] bool synchronize(Error* error) override;
 
   const std::filesystem::path& path() const { return path_; }
-  // True when the file existed at opening but could not be read as a JSON object, until the next
+  // Set when the file existed at opening but could not be read as a JSON object, until the next
   // successful write.
-  bool wasCorrupt() const;
+  [[nodiscard]] std::optional<Error> loadError() const override;
 
  private:
   struct State;

@@ -338,7 +338,18 @@ bool Asm::deregisterUserHash(const std::string& userHash) {
     kept &= keychain_.deleteGenericPasswordWithAccount(
                 account, std::nullopt, joined(prefix, userHash)) != StoreStatus::storeError;
   }
-  return kept;
+  // Only once the records are gone: a record whose key is gone could never sign again.
+  return kept && keychain_.deleteKeyPair(GenericAuthenticator::privateKeyTag(
+                     facetID_, userHash)) != StoreStatus::storeError;
+}
+
+bool Asm::deleteKeyIfOrphaned(const std::string& userHash) {
+  Result<std::vector<std::string>> left = keychain_.findGenericPasswordServicesDescWithAccount(
+      joined(userHash, GenericAuthenticator::kAaid), joined(kAsmData, userHash));
+  if (!left) return false;
+  if (!left->empty()) return true;
+  return keychain_.deleteKeyPair(GenericAuthenticator::privateKeyTag(facetID_, userHash)) !=
+         StoreStatus::storeError;
 }
 
 void Asm::executeWithAsmRequest(const AsmRequest& request) {
@@ -618,11 +629,21 @@ AsmResponse Asm::deregister(const AsmRequest& request) {
         note(keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, *args->keyID),
                                                         joined(prefix, userHash)));
       }
+      kept = kept && deleteKeyIfOrphaned(userHash);
     }
   } else if (hasKeyID) {
+    // The records' accounts ("<user hash>.<AAID>") name the users whose keys may be orphaned.
+    Result<std::vector<std::string>> accounts =
+        keychain_.findGenericPasswordAccountDescWithService(joined(kAsmData, *args->keyID));
+    if (!accounts) return statusOnly(kStatusError);
     for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
       note(keychain_.deleteGenericPasswordWithAccount(std::nullopt, joined(prefix, *args->keyID),
                                                       std::nullopt));
+    }
+    const std::string suffix = joined("", GenericAuthenticator::kAaid);
+    for (const std::string& account : *accounts) {
+      if (!account.ends_with(suffix)) continue;
+      kept = kept && deleteKeyIfOrphaned(account.substr(0, account.size() - suffix.size()));
     }
   } else {
     note(keychain_.deregAllDatas());

@@ -85,7 +85,8 @@ class Asm final : public AsmDelegate {
   AsmResponse getInfo(const AsmRequest& request);
   AsmResponse getRegistrations(const AsmRequest& request);
   // Status 0 for any DeregisterIn, whether or not something matched; status 1 when the arguments
-  // are of another kind or the store failed.
+  // are of another kind or the store failed. The key pairs of the registrations removed go too,
+  // once no registration of their user is left.
   AsmResponse deregister(const AsmRequest& request);
 
   void authenticatorRegisterResponse(const RegisterResponseCommand* response,
@@ -114,9 +115,12 @@ class Asm final : public AsmDelegate {
   [[nodiscard]] std::optional<std::string> khAccessTokenFor(const std::optional<std::string>& appID,
                                                             Error* error);
   AuthenticatorFeature* authenticatorFor(uint64_t userVerification) const;
-  // Deletes every ASM and authenticator record of the user hash `userHash`; false when the store
-  // failed.
+  // Deletes every ASM and authenticator record of the user hash `userHash`, and the user's key
+  // pair; false when the store failed.
   bool deregisterUserHash(const std::string& userHash);
+  // Deletes the user's key pair once no ASM record of the user is left; false when the store
+  // failed.
+  bool deleteKeyIfOrphaned(const std::string& userHash);
 
   CorvaneDelegate& corvaneDelegate_;
   Keychain& keychain_;

@@ -100,4 +100,25 @@ GenericAuthenticator::listAllBasicAuthenticatorInfo() {
   return kMap;
 }
 
+namespace {
+
+std::string keyTag(std::string_view facetID, std::string_view half, std::string_view userHash) {
+  std::string tag;
+  tag.reserve(facetID.size() + userHash.size() + 20);
+  tag.append(facetID).append(".").append(GenericAuthenticator::kAaid).append(".");
+  return tag.append(half).append(".").append(userHash);
+}
+
+}  // namespace
+
+std::string GenericAuthenticator::privateKeyTag(std::string_view facetID,
+                                                std::string_view userHash) {
+  return keyTag(facetID, "PRI", userHash);
+}
+
+std::string GenericAuthenticator::publicKeyTag(std::string_view facetID,
+                                               std::string_view userHash) {
+  return keyTag(facetID, "PUB", userHash);
+}
+
 }  // namespace corvane

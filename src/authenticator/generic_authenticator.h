@@ -40,6 +40,11 @@ class GenericAuthenticator {
   listAllBasicAuthenticatorInfo();
   // The "data:image/png;base64,..." URL of the authenticator's 100 by 35 logo.
   static std::string_view icon();
+
+  // The key-store tags of a user's key pair: "<facet ID>.0F3D#0002.PRI.<user hash>" and the same
+  // with "PUB". One pair per user and caller; the public tag names nothing that is stored.
+  static std::string privateKeyTag(std::string_view facetID, std::string_view userHash);
+  static std::string publicKeyTag(std::string_view facetID, std::string_view userHash);
 };
 
 }  // namespace corvane

@@ -9,20 +9,15 @@
 
 namespace corvane {
 
-Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform) {
+Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform)
+    : Corvane(std::move(delegate), std::move(platform), Unstarted{}) {
+  // A constructor cannot report: a failed step leaves the stores as they were.
+  if (impl_) static_cast<void>(start(nullptr));
+}
+
+Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform, Unstarted)
+    : authUIControllerDelegate_(std::move(delegate)) {
   if (!platform.missingPort()) impl_ = std::make_unique<Impl>(std::move(platform));
-  // First run of this installation: keys and records left by an earlier installation of the
-  // application are not trusted. Otherwise, once, give every user enrolled before the last-pattern
-  // record existed a last pattern, so that the reuse check has something to compare with.
-  if (impl_) {
-    // Neither step can be reported from here; a failed one leaves the stores as they were.
-    if (!isInstalled()) {
-      static_cast<void>(impl_->keychain.resetAllKeyChain());
-    } else if (!isFirstInitialed()) {
-      static_cast<void>(impl_->patternManager.updateLastPatternForTheFirstTime());
-    }
-  }
-  authUIControllerDelegate_ = std::move(delegate);
 }
 
 std::unique_ptr<Corvane> Corvane::create(std::shared_ptr<AuthUIControllerDelegate> delegate,
@@ -32,7 +27,44 @@ std::unique_ptr<Corvane> Corvane::create(std::shared_ptr<AuthUIControllerDelegat
                                    "The platform has no " + std::string(*missing)));
     return nullptr;
   }
-  return std::make_unique<Corvane>(std::move(delegate), std::move(platform));
+  std::unique_ptr<Corvane> corvane(
+      new Corvane(std::move(delegate), std::move(platform), Unstarted{}));
+  if (!corvane->start(error)) return nullptr;
+  return corvane;
+}
+
+bool Corvane::start(Error* error) {
+  const auto fail = [error](std::string_view what, const std::optional<Error>& cause) {
+    std::string message(what);
+    if (cause && !cause->localizedDescription().empty()) {
+      message += ": " + cause->localizedDescription();
+    }
+    setError(error, Error::corvane(code(CorvaneStatusCode::UNKNOWN), std::move(message)));
+    return false;
+  };
+  // Settings that cannot be read say nothing about the installation; they are never taken for a
+  // fresh one.
+  if (std::optional<Error> unreadable = impl_->platform.userDefaults->loadError()) {
+    setError(error, *unreadable);
+    return false;
+  }
+  Result<bool> installed = impl_->installedBefore();
+  if (!installed) return fail("Cannot read the item store", installed.error());
+  if (!*installed) {
+    // First run of this installation: keys and records left by an earlier installation of the
+    // application are not trusted. The marker is written only after the wipe, so a wipe cut
+    // short runs again at the next start.
+    if (impl_->keychain.resetAllKeyChain() != StoreStatus::ok) {
+      return fail("Cannot wipe the data of an earlier installation", std::nullopt);
+    }
+    if (!impl_->markInstalled()) return fail("Cannot mark the installation", std::nullopt);
+  } else if (!isFirstInitialed()) {
+    // Once, give every user enrolled before the last-pattern record existed a last pattern, so
+    // that the reuse check has something to compare with.
+    Result<void> copied = impl_->patternManager.updateLastPatternForTheFirstTime();
+    if (!copied) return fail("Cannot record the users' last patterns", copied.error());
+  }
+  return true;
 }
 
 Corvane::~Corvane() = default;
@@ -43,16 +75,11 @@ const std::shared_ptr<AuthUIControllerDelegate>& Corvane::authUIControllerDelega
 
 bool Corvane::isInstalled() {
   if (!impl_) return false;
-  UserDefaults& defaults = *impl_->platform.userDefaults;
-  const bool installed = defaults.getBool(kUserDefaultsInstalledKey);
-  if (!installed) {
-    // A fresh installation needs no first-initialisation step: the keychain is wiped instead.
-    defaults.setBool(kUserDefaultsInstalledKey, true);
-    defaults.setBool(kUserDefaultsInitiatedKey, true);
-    // A failed flush keeps the flags pending in memory; the next flush writes them.
-    static_cast<void>(defaults.synchronize(nullptr));
-  }
-  return installed;
+  Result<bool> installed = impl_->installedBefore();
+  if (!installed) return true;
+  // A marker that cannot be written now is written at the next call.
+  if (!*installed) static_cast<void>(impl_->markInstalled());
+  return *installed;
 }
 
 bool Corvane::isFirstInitialed() {

@@ -202,6 +202,36 @@ Result<std::string> Keychain::bundleSeedID() {
   return group.substr(0, group.find('.'));
 }
 
+namespace {
+
+ItemAttributes installationMarker() {
+  ItemAttributes item;
+  item.account = std::string(Keychain::kInstallationAccount);
+  item.service = std::string(Keychain::kInstallationService);
+  item.accessibility = std::string(Keychain::kAccessibleWhenPasscodeSetThisDeviceOnly);
+  return item;
+}
+
+}  // namespace
+
+Result<bool> Keychain::isInstallationMarked() {
+  switch (items_.findFirstAttributes(installationMarker().asQuery(), nullptr)) {
+    case StoreStatus::ok:
+      return true;
+    case StoreStatus::notFound:
+      return false;
+    case StoreStatus::duplicate:
+    case StoreStatus::storeError:
+      break;
+  }
+  return storeFailure();
+}
+
+StoreStatus Keychain::markInstallation() {
+  const StoreStatus added = items_.add(installationMarker(), SecretBytes());
+  return added == StoreStatus::duplicate ? StoreStatus::ok : added;
+}
+
 Result<std::string> Keychain::corvaneAccessGroup() {
   Result<std::string> seed = bundleSeedID();
   if (!seed) return seed.error();
@@ -267,6 +297,17 @@ std::optional<Bytes> Keychain::signWithECDSASignatureMessageX962SHA256(
   Bytes signature;
   if (keys_.sign(privateTag, message, &signature) != StoreStatus::ok) return std::nullopt;
   return signature;
+}
+
+StoreStatus Keychain::deleteKeyPair(std::string_view privateTag) {
+  return keys_.removeTag(privateTag);
+}
+
+StoreStatus Keychain::deleteGeneratedKeyPairs(const std::string& group) {
+  KeyQuery generated;
+  generated.applicationLabel = corvaneQueryLabel();
+  generated.accessGroup = group;
+  return keys_.remove(generated);
 }
 
 std::optional<Bytes> Keychain::signSHA256withECDSAX962ForBasicFull(ByteView message) {
@@ -405,7 +446,14 @@ std::optional<SecretBytes> Keychain::findBioAuthDataWithAccount(Attribute accoun
 StoreStatus Keychain::deregAllDatas() {
   Result<std::string> group = corvaneAccessGroup();
   if (!group) return StoreStatus::storeError;
-  return items_.removeLabeled(corvaneQueryLabel(), std::move(*group));
+  // The records go first: a key whose records are gone is orphaned, a record whose key is gone
+  // would be a registration that can never sign.
+  const StoreStatus records = items_.removeLabeled(corvaneQueryLabel(), *group);
+  if (records == StoreStatus::storeError) return records;
+  const StoreStatus keys = deleteGeneratedKeyPairs(*group);
+  if (keys == StoreStatus::storeError) return keys;
+  return records == StoreStatus::ok || keys == StoreStatus::ok ? StoreStatus::ok
+                                                               : StoreStatus::notFound;
 }
 
 StoreStatus Keychain::resetAllKeyChain() {
@@ -419,6 +467,9 @@ StoreStatus Keychain::resetAllKeyChain() {
   keys.label = corvaneQueryLabel();
   keys.accessGroup = *group;
   bool failed = keys_.remove(keys) == StoreStatus::storeError;
+  // Key generation writes the label into the application label, so the step above never reaches
+  // the users' keys; this one does, so that no private key outlives the reset.
+  failed |= deleteGeneratedKeyPairs(*group) == StoreStatus::storeError;
   failed |= items_.removeLabeled(corvaneQueryLabel(), *group) == StoreStatus::storeError;
   failed |= items_.removeLabeled(corvaneQueryLabelForLastPatternLock(), *group) ==
             StoreStatus::storeError;

@@ -57,6 +57,8 @@ class Keychain {
   static constexpr std::string_view kAaid = "0F3D#0002";
   static constexpr std::string_view kLabelSuffix = "Corvane";
   static constexpr std::string_view kBundleSeedIdAccount = "bundleSeedID";
+  static constexpr std::string_view kInstallationAccount = "Corvane.installed";
+  static constexpr std::string_view kInstallationService = "corvane.installation";
   static constexpr std::string_view kServiceAuthKeyTag = "AUTHNR.authKeyTag";
   static constexpr std::string_view kServiceEncryptKey = "AUTHNR.encryptKey";
   static constexpr std::string_view kServicePatternLock = "AUTHNR.patternlock";
@@ -88,6 +90,13 @@ class Keychain {
   // that writes or reads items then fails (as the platform refuses an access group the
   // application is not entitled to).
   Result<std::string> corvaneAccessGroup();
+  // The installation marker: an item (account "Corvane.installed", service
+  // "corvane.installation", no label, so that no wipe reaches it) whose presence says the library
+  // has run over this store before. A damaged settings file cannot fake its absence; only an item
+  // store without it can, and such a store holds nothing a wipe could lose.
+  Result<bool> isInstallationMarked();
+  StoreStatus markInstallation();
+
   // UTF-8 of "<bundle identifier>.Corvane".
   Bytes corvaneQueryLabel() const;
   // UTF-8 of "AUTHNR.last_patternlock.<bundle identifier>.Corvane".
@@ -109,6 +118,8 @@ class Keychain {
   // ECDSA with SHA-256 of `message` (DER signature) with the key under `privateTag`, or absent.
   [[nodiscard]] std::optional<Bytes> signWithECDSASignatureMessageX962SHA256(
       ByteView message, std::string_view privateTag);
+  // Deletes the key pair under `privateTag`: ok, notFound when there is none, storeError.
+  StoreStatus deleteKeyPair(std::string_view privateTag);
   // The same with the attestation key, imported for this one signature and released afterwards.
   [[nodiscard]] std::optional<Bytes> signSHA256withECDSAX962ForBasicFull(ByteView message);
 
@@ -149,10 +160,11 @@ class Keychain {
                                                                       Error* error);
 
   // Deletes every generic-password item with the label and access group (the last-pattern items
-  // carry another label and stay): ok, notFound when there was nothing, storeError.
+  // carry another label and stay), and the key pairs those records named: ok, notFound when
+  // there was nothing, storeError.
   StoreStatus deregAllDatas();
-  // Deletes everything the system owns, in three steps (see docs/keychain.md): ok, or storeError
-  // when a step failed (the others still run).
+  // Deletes everything the system owns, key pairs included (see docs/keychain.md): ok, or
+  // storeError when a step failed (the others still run).
   StoreStatus resetAllKeyChain();
   // The authenticators' encryption key: account "0F3D#0002", service "AUTHNR.authKeyTag", else
   // the older service "AUTHNR.encryptKey"; empty when neither exists. A failing read of the first
@@ -162,6 +174,9 @@ class Keychain {
  private:
   std::string bundleIdentifier() const;
   Bytes labelFor(Attribute service) const;
+  // Deletes the key pairs key generation wrote: those whose application label is the library's
+  // label, in `group`.
+  StoreStatus deleteGeneratedKeyPairs(const std::string& group);
 
   ItemStore& items_;
   KeyStore& keys_;

@@ -41,17 +41,20 @@ struct Installation {
                   "record", "AUTHNR.data", std::nullopt, SecretBytes::fromText("{}")),
               StoreStatus::ok);
     ASSERT_TRUE(patterns.updatePattern(kAlice, "alice").ok());
+    ASSERT_TRUE(keychain.generate256EcKeyPair("PUB", kKeyTag));
   }
-  bool recordKept() {
-    const Result<std::optional<SecretBytes>> found =
+  // "record" "pattern" "key" for each of the seeded things still there.
+  std::string kept() {
+    std::string out;
+    const Result<std::optional<SecretBytes>> record =
         keychain.findGenericPasswordWithAccount("record", "AUTHNR.data", std::nullopt);
-    return found && found->has_value();
+    if (record && *record) out += "record ";
+    const Result<bool> pattern = patterns.isCorrectPattern(kAlice, "alice");
+    if (pattern && *pattern) out += "pattern ";
+    if (keychain.signWithECDSASignatureMessageX962SHA256(asBytes("m"), kKeyTag)) out += "key";
+    return out;
   }
-  size_t keyRemovals() const {
-    size_t n = 0;
-    for (const FakeKeyStore::Call& call : keys->calls()) n += call.op == FakeKeyStore::Op::remove;
-    return n;
-  }
+  static constexpr std::string_view kKeyTag = "ios:bundle-id:com.example.host.0F3D#0002.PRI.h";
   std::shared_ptr<FakeItemStore> items = std::make_shared<FakeItemStore>();
   std::shared_ptr<FakeKeyStore> keys = std::make_shared<FakeKeyStore>();
   std::shared_ptr<testing::ScriptedBiometry> biometry =
@@ -72,40 +75,46 @@ bool storedBool(const FakeUserDefaults& defaults, std::string_view key) {
   return it != defaults.stored.end() && std::get<bool>(it->second);
 }
 
-// Fresh install wipes once; installed-not-initiated runs the last-pattern step; a second
-// construction changes nothing.
-TEST(CorvaneFirstRunTest, EachFlagStateRunsItsStepOnce) {
+// Only an item store without the installation marker, and without the flag older data carries,
+// is a fresh installation: it is wiped once (keys included). Otherwise the last-pattern step runs
+// once when "Corvane.initiated" is unset. A second construction changes nothing.
+TEST(CorvaneFirstRunTest, OnlyAnUnmarkedStoreIsWipedAndOnlyOnce) {
   struct Case {
+    bool marked;
     std::optional<bool> installed, initiated;
     bool wipes, recordsLastPattern;
   };
   const Case cases[] = {
-      {std::nullopt, true, true, false},
-      {false, false, true, false},
-      {true, std::nullopt, false, true},
-      {true, true, false, false},
+      {false, std::nullopt, true, true, false},
+      {false, false, false, true, false},
+      {false, true, std::nullopt, false, true},
+      {false, true, true, false, false},
+      // A missing or emptied settings file never wipes a marked store.
+      {true, std::nullopt, std::nullopt, false, true},
+      {true, false, false, false, true},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.installed.value_or(false) << c.wipes);
+    SCOPED_TRACE(::testing::Message() << c.marked << c.installed.value_or(false) << c.wipes);
     Installation app;
     if (c.installed) app.defaults->values[std::string(kUserDefaultsInstalledKey)] = *c.installed;
     if (c.initiated) app.defaults->values[std::string(kUserDefaultsInitiatedKey)] = *c.initiated;
     app.defaults->stored = app.defaults->values;
+    if (c.marked) {
+      ASSERT_EQ(app.keychain.markInstallation(), StoreStatus::ok);
+    }
     app.seed();
-    Corvane first(nullptr, app.platform());
-    EXPECT_EQ(app.recordKept(), !c.wipes);
-    EXPECT_EQ(app.patterns.isCorrectPattern(kAlice, "alice").value(), !c.wipes);
-    EXPECT_EQ(app.keyRemovals(), c.wipes ? 1u : 0u);
+    Error error;
+    ASSERT_TRUE(Corvane::create(nullptr, app.platform(), &error)) << error.localizedDescription();
+    EXPECT_EQ(app.kept(), c.wipes ? "" : "record pattern key");
     EXPECT_EQ(app.patterns.isSameAsLastPattern(kAlice, "alice").value(), c.recordsLastPattern);
-    EXPECT_TRUE(storedBool(*app.defaults, kUserDefaultsInstalledKey));
-    EXPECT_TRUE(storedBool(*app.defaults, kUserDefaultsInitiatedKey));
+    EXPECT_EQ(app.keychain.isInstallationMarked().value(), true);
+    EXPECT_TRUE(storedBool(*app.defaults, kUserDefaultsInstalledKey) || c.marked);
 
     app.seed();
     app.items->clearCalls();
     const int synchronizations = app.defaults->synchronizeCalls;
-    Corvane again(nullptr, app.platform());
-    EXPECT_TRUE(app.recordKept());
-    EXPECT_EQ(app.keyRemovals(), c.wipes ? 1u : 0u);
+    ASSERT_TRUE(Corvane::create(nullptr, app.platform(), &error));
+    EXPECT_EQ(app.kept(), "record pattern key");
     for (const FakeItemStore::Call& call : app.items->calls()) {
       EXPECT_NE(call.op, FakeItemStore::Op::remove);
       EXPECT_NE(call.op, FakeItemStore::Op::listAccounts);
@@ -114,12 +123,40 @@ TEST(CorvaneFirstRunTest, EachFlagStateRunsItsStepOnce) {
   }
 }
 
+// create() reports what the constructor cannot, and wipes nothing when it fails.
+TEST(CorvaneFirstRunTest, CreateReportsUnreadableSettingsAndFailingStores) {
+  Installation app;
+  app.seed();
+  app.defaults->failLoad = Error::corvane(10000, "The user defaults file is damaged");
+  Error error;
+  EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
+  EXPECT_EQ(error.localizedDescription(), "The user defaults file is damaged");
+  app.defaults->failLoad.reset();
+  app.items->failAllReads(true);
+  EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
+  EXPECT_EQ(error.localizedDescription(), "Cannot read the item store: The item store failed.");
+  app.items->failAllReads(false);
+  app.items->failWriteNumber(2);  // the wipe's second step
+  EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
+  EXPECT_EQ(error.localizedDescription(), "Cannot wipe the data of an earlier installation");
+  EXPECT_FALSE(app.keychain.isInstallationMarked().value());
+  ASSERT_TRUE(Corvane::create(nullptr, app.platform(), &error));
+  EXPECT_TRUE(app.keychain.isInstallationMarked().value());
+}
+
 TEST(CorvaneFirstRunTest, FlagsAnswerFalseExactlyOnce) {
   Installation app;
   Corvane corvane(nullptr, app.platform());
+  EXPECT_TRUE(corvane.isInstalled());  // the first construction marked the installation
+  // Without the marker and the flag the next call answers false, once, and marks again.
+  ItemQuery marker;
+  marker.account = "Corvane.installed";
+  marker.service = "corvane.installation";
+  ASSERT_EQ(app.items->remove(marker), StoreStatus::ok);
   app.defaults->values.clear();
   EXPECT_FALSE(corvane.isInstalled());
   EXPECT_TRUE(corvane.isInstalled());
+  EXPECT_EQ(app.items->findFirst(marker, nullptr), StoreStatus::ok);
   EXPECT_TRUE(corvane.isFirstInitialed());  // set by isInstalled
   app.defaults->values.erase(std::string(kUserDefaultsInitiatedKey));
   EXPECT_FALSE(corvane.isFirstInitialed());

@@ -23,6 +23,7 @@ class FakeUserDefaults final : public corvane::UserDefaults {
   mutable std::vector<std::string> calls;  // "getBool key", "setString key value", "synchronize"
 
   // Fault switches.
+  std::optional<Error> failLoad;  // what loadError() answers
   bool failSynchronize = false;
   int failSynchronizeOnCall = 0;  // 1-based call number that fails; 0 for none
 
@@ -57,6 +58,7 @@ class FakeUserDefaults final : public corvane::UserDefaults {
     auto it = values.find(key);
     if (it != values.end()) values.erase(it);
   }
+  std::optional<Error> loadError() const override { return failLoad; }
   bool synchronize(corvane::Error* error) override {
     calls.push_back("synchronize");
     ++synchronizeCalls;

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "configuration/configuration.h"
+#include "corvane/corvane.h"
+#include "storage/pattern_manager.h"
 #include "storage/keychain.h"
 #include "storage/keychain_rig.h"
 #include "test_files.h"
@@ -83,6 +86,66 @@ TEST(LinuxPlatformTest, BadOptionsGiveAnErrorAndNoPlatform) {
     EXPECT_FALSE(linux_platform::makePlatform(rig.options, &error));
     EXPECT_EQ(error.domain(), kCorvaneErrorDomain);
     EXPECT_FALSE(linux_platform::makePlatform(rig.options, nullptr));
+  }
+}
+
+// A damaged, missing or unreadable settings file never wipes the users' registrations: the
+// installation marker lives in the item store, and create() reports a file it cannot read.
+TEST(LinuxPlatformTest, DamagedSettingsNeverWipeRegistrations) {
+  const std::vector<uint32_t> pattern = {0, 4, 8, 5, 2, 1};
+  constexpr std::string_view kTag = "ios:bundle-id:com.example.linuxhost.0F3D#0002.PRI.h";
+  struct Damage {
+    std::string name;
+    std::function<void(const fs::path&)> apply;
+  };
+  const Damage damages[] = {
+      {"missing", [](const fs::path& file) { fs::remove(file); }},
+      {"empty", [](const fs::path& file) { writeFile(file, ""); }},
+      {"truncated", [](const fs::path& file) { writeFile(file, R"({"Corvane.installed":tr)"); }},
+      {"5 MiB", [](const fs::path& file) { writeFile(file, std::string(5 << 20, ' ')); }},
+      {"mode 000", [](const fs::path& file) { fs::permissions(file, fs::perms::none); }},
+      {"a folder", [](const fs::path& file) {
+         fs::remove(file);
+         fs::create_directory(file);
+       }},
+  };
+  for (const Damage& damage : damages) {
+    SCOPED_TRACE(damage.name);
+    LinuxRig rig;
+    const fs::path file = *rig.options.dataDirectory / "defaults.json";
+    Error error;
+    {
+      std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
+      ASSERT_TRUE(p) << error.localizedDescription();
+      ASSERT_TRUE(Corvane::create(nullptr, *p, &error)) << error.localizedDescription();
+      Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
+      Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
+      ASSERT_EQ(keychain.insertGenericPasswordWithAccount("h.0F3D#0002", "ASMKH.data.k", "g",
+                                                          SecretBytes::fromText("record")),
+                StoreStatus::ok);
+      ASSERT_TRUE(keychain.generate256EcKeyPair("PUB", kTag));
+      ASSERT_TRUE(PatternManager(keychain).updatePattern(pattern, "alice").ok());
+    }
+    ASSERT_TRUE(fs::exists(file));
+    damage.apply(file);
+    {
+      std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
+      ASSERT_TRUE(p) << error.localizedDescription();
+      static_cast<void>(Corvane::create(nullptr, *p, &error));  // an error, or a start that wipes nothing
+    }
+    // Put a readable file back (as a host would after the error) and look at what is left.
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+    fs::remove_all(file);
+    std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
+    ASSERT_TRUE(p) << error.localizedDescription();
+    ASSERT_TRUE(Corvane::create(nullptr, *p, &error)) << error.localizedDescription();
+    Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
+    Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
+    EXPECT_EQ(testing::shown(
+                  keychain.findGenericPasswordWithAccount("h.0F3D#0002", "ASMKH.data.k", "g")),
+              "record");
+    EXPECT_TRUE(keychain.signWithECDSASignatureMessageX962SHA256(asBytes("m"), kTag));
+    EXPECT_TRUE(PatternManager(keychain).isCorrectPattern(pattern, "alice").value());
   }
 }
 

@@ -59,14 +59,15 @@ TEST_F(UserDefaultsFileTest, CorruptFileReadsEmptyUntilTheNextWrite) {
     testing::writeFile(file, content);
     auto defaults = open();
     ASSERT_NE(defaults, nullptr);
-    EXPECT_TRUE(defaults->wasCorrupt()) << content;
+    ASSERT_TRUE(defaults->loadError()) << content;
+    EXPECT_NE(defaults->loadError()->localizedDescription().find(file.string()), std::string::npos);
     EXPECT_FALSE(defaults->getBool("a"));
     EXPECT_TRUE(defaults->synchronize(nullptr));
     EXPECT_EQ(testing::readFile(file), content);
   }
   open()->setString("b", "new");
   auto defaults = open();
-  EXPECT_FALSE(defaults->wasCorrupt());
+  EXPECT_FALSE(defaults->loadError());
   EXPECT_EQ(defaults->getString("b"), "new");
 }
 
