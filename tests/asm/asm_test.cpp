@@ -223,6 +223,48 @@ TEST(AsmStatus, AuthenticationStatusPaths) {
       true);
 }
 
+// Each kind of deregistration deletes the key pairs it orphans, and only those: a user keeps the
+// key while a registration of theirs is left, and other users keep theirs.
+TEST(AsmDeregistrationTest, KeysGoWithTheirLastRegistration) {
+  const auto tag = [](std::string_view user) {
+    return "ios:bundle-id:com.example.host.0F3D#0002.PRI." + Utils::sha256(user);
+  };
+  struct Case {
+    std::string name;
+    std::vector<DeregisterIn> steps;
+    std::vector<std::string> keysLeft;
+  };
+  const std::vector<Case> cases = {
+      {"user", {{"alice", std::nullopt, std::nullopt}}, {"bob"}},
+      {"one of two keyIDs", {{"alice", std::nullopt, "kid-a1"}}, {"alice", "bob"}},
+      {"both keyIDs",
+       {{"alice", std::nullopt, "kid-a1"}, {"alice", std::nullopt, "kid-a2"}},
+       {"bob"}},
+      {"keyID alone", {{std::nullopt, std::nullopt, "kid-b"}}, {"alice"}},
+      {"everything", {{}}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    AsmRig rig;
+    auto a = rig.make();
+    for (auto [user, keyID] :
+         {std::pair{"alice", "kid-a1"}, {"alice", "kid-a2"}, {"bob", "kid-b"}}) {
+      registerKey(rig, *a, 2, keyID, user);
+      ASSERT_TRUE(rig.keys.keychain->generate256EcKeyPair("PUB", tag(user)));
+    }
+    for (const DeregisterIn& step : c.steps) {
+      EXPECT_EQ(a->deregister(request(AsmRequestType::kDeregister, step)).statusCode, 0u);
+    }
+    std::vector<std::string> left;
+    for (std::string user : {"alice", "bob"}) {
+      if (rig.keys.keychain->signWithECDSASignatureMessageX962SHA256(asBytes("m"), tag(user))) {
+        left.push_back(user);
+      }
+    }
+    EXPECT_EQ(left, c.keysLeft);
+  }
+}
+
 TEST_F(AsmTest, StoreFailuresAreNeverReportedAsAbsence) {
   registerKey(rig_, *asm_, 2, "kid");
   const AsmRequest registrations =

@@ -7,11 +7,13 @@
 #include <optional>
 #include <string>
 
+#include "asm/asm.h"
 #include "configuration/configuration.h"
 #include "corvane/corvane.h"
-#include "storage/pattern_manager.h"
+#include "fakes/scripted_authenticator.h"
 #include "storage/keychain.h"
 #include "storage/keychain_rig.h"
+#include "storage/pattern_manager.h"
 #include "test_files.h"
 #include "test_support.h"
 
@@ -104,7 +106,8 @@ TEST(LinuxPlatformTest, DamagedSettingsNeverWipeRegistrations) {
       {"truncated", [](const fs::path& file) { writeFile(file, R"({"Corvane.installed":tr)"); }},
       {"5 MiB", [](const fs::path& file) { writeFile(file, std::string(5 << 20, ' ')); }},
       {"mode 000", [](const fs::path& file) { fs::permissions(file, fs::perms::none); }},
-      {"a folder", [](const fs::path& file) {
+      {"a folder",
+       [](const fs::path& file) {
          fs::remove(file);
          fs::create_directory(file);
        }},
@@ -131,7 +134,8 @@ TEST(LinuxPlatformTest, DamagedSettingsNeverWipeRegistrations) {
     {
       std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
       ASSERT_TRUE(p) << error.localizedDescription();
-      static_cast<void>(Corvane::create(nullptr, *p, &error));  // an error, or a start that wipes nothing
+      static_cast<void>(
+          Corvane::create(nullptr, *p, &error));  // an error, or a start that wipes nothing
     }
     // Put a readable file back (as a host would after the error) and look at what is left.
     fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
@@ -141,11 +145,47 @@ TEST(LinuxPlatformTest, DamagedSettingsNeverWipeRegistrations) {
     ASSERT_TRUE(Corvane::create(nullptr, *p, &error)) << error.localizedDescription();
     Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
     Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
-    EXPECT_EQ(testing::shown(
-                  keychain.findGenericPasswordWithAccount("h.0F3D#0002", "ASMKH.data.k", "g")),
-              "record");
+    EXPECT_EQ(
+        testing::shown(keychain.findGenericPasswordWithAccount("h.0F3D#0002", "ASMKH.data.k", "g")),
+        "record");
     EXPECT_TRUE(keychain.signWithECDSASignatureMessageX962SHA256(asBytes("m"), kTag));
     EXPECT_TRUE(PatternManager(keychain).isCorrectPattern(pattern, "alice").value());
+  }
+}
+
+// Deregistration and the reset leave no private key that signs and no sealed key behind.
+TEST(LinuxPlatformTest, DeregistrationAndResetDeleteTheKeys) {
+  for (bool reset : {false, true}) {
+    SCOPED_TRACE(reset ? "reset" : "deregistration");
+    LinuxRig rig;
+    Error error;
+    std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
+    ASSERT_TRUE(p) << error.localizedDescription();
+    Configuration configuration(*p->hostBundle, *p->frameworkBundle, *p->userDefaults);
+    Keychain keychain(*p->itemStore, *p->keyStore, *p->biometry, configuration);
+    const std::string facet = "ios:bundle-id:com.example.linuxhost";
+    const std::string user = Utils::sha256("alice");
+    const std::string tag = facet + ".0F3D#0002.PRI." + user;
+    ASSERT_TRUE(keychain.generate256EcKeyPair("PUB", tag));
+    ASSERT_EQ(
+        keychain.insertGenericPasswordWithAccount(
+            user + ".0F3D#0002", "ASMKH.data.k", "ASMKH.data." + user, SecretBytes::fromText("{}")),
+        StoreStatus::ok);
+    ASSERT_TRUE(keychain.signWithECDSASignatureMessageX962SHA256(asBytes("m"), tag));
+    if (reset) {
+      EXPECT_EQ(keychain.resetAllKeyChain(), StoreStatus::ok);
+    } else {
+      testing::RecordingCorvaneDelegate delegate;
+      Asm asmObject(delegate, keychain, configuration, facet, {});
+      AsmRequest request;
+      request.requestType = static_cast<uint64_t>(AsmRequestType::kDeregister);
+      request.args = DeregisterIn{"alice", std::nullopt, std::nullopt};
+      EXPECT_EQ(asmObject.deregister(request).statusCode, 0u);
+    }
+    EXPECT_FALSE(keychain.signWithECDSASignatureMessageX962SHA256(asBytes("m"), tag));
+    ItemQuery sealedKeys;
+    sealedKeys.service = "corvane.keystore";
+    EXPECT_EQ(p->itemStore->findFirst(sealedKeys, nullptr), StoreStatus::notFound);
   }
 }
 
