@@ -48,6 +48,9 @@ struct LinuxPlatformOptions {
   // loss). False: a write survives the process being killed but the last ones may be lost on
   // power loss; faster.
   bool durableWrites = true;
+  // Whether the user's login counts as a device passcode (the pattern lock is offered only then).
+  // True for a normal login session; false for a session nobody authenticated to.
+  bool passcodeSet = true;
   // The user's languages, best first ("fr-CA", "de"), which pick the bundles' localizations;
   // default: LANGUAGE, LC_ALL, LC_MESSAGES or LANG.
   std::optional<std::vector<std::string>> userLanguages;

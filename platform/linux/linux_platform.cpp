@@ -200,7 +200,7 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   platform.frameworkBundle = std::move(framework);
   platform.userDefaults = std::move(defaults);
   platform.clock = std::make_shared<BoottimeClock>();
-  platform.deviceInfo = std::make_shared<LinuxDeviceInfo>();
+  platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(options.passcodeSet);
   return platform;
 }
 

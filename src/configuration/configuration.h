@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "corvane/platform.h"
+#include "corvane/screen_types.h"
 
 namespace corvane {
 
@@ -145,15 +146,6 @@ inline constexpr std::array kAll = {
     Key{kTouchIdAuth, 0},
 };
 }  // namespace texts
-
-// An RGBA colour, each component in [0, 1].
-struct Color {
-  double red = 0;
-  double green = 0;
-  double blue = 0;
-  double alpha = 1;
-  bool operator==(const Color&) const = default;
-};
 
 // Every configuration and localization lookup. Built from the host application's bundle, the
 // framework's own bundle and the user defaults, which must outlive it. Reads only; thread-safe as

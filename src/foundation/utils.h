@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "corvane/screen_types.h"
+
 namespace corvane {
 
 using Bytes = std::vector<uint8_t>;
@@ -27,11 +29,6 @@ inline Bytes toBytes(std::string_view text) {
   const ByteView bytes = asBytes(text);
   return Bytes(bytes.begin(), bytes.end());
 }
-
-struct Point {
-  double x = 0;
-  double y = 0;
-};
 
 struct Utils {
   // Base64url without padding.

@@ -19,13 +19,16 @@ class FakeDeviceInfo final : public corvane::DeviceInfo {
     return model_;
   }
   std::string systemVersion() const override { return version_; }
+  PasscodeState passcodeState() const override { return passcode_; }
 
   void setModel(std::string model) { model_ = std::move(model); }
+  void setPasscodeState(PasscodeState state) { passcode_ = state; }
   int modelReads() const { return modelReads_; }
 
  private:
   std::string model_;
   std::string version_;
+  PasscodeState passcode_ = PasscodeState::set;
   mutable std::atomic<int> modelReads_{0};
 };
 

@@ -16,6 +16,11 @@ class DeviceInfo {
   virtual std::string modelIdentifier() const = 0;
   // The operating system's version text.
   virtual std::string systemVersion() const = 0;
+
+  // Whether the device's user has a passcode (or an equivalent login secret) that guards the
+  // device: the pattern lock is offered only then. `unknown` when the device cannot tell.
+  enum class PasscodeState { set, notSet, unknown };
+  virtual PasscodeState passcodeState() const = 0;
 };
 
 }  // namespace corvane
