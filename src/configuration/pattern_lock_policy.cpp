@@ -139,7 +139,9 @@ bool matchesPatternLockPolicyGrammar(std::string_view text) {
     state = step(state, c);
     if (state == State::Reject) return false;
   }
-  return state == State::SegmentStart || state == State::Locked || state == State::EndlessNumber;
+  // A numbered segment may end the text too ("2-5"): its last round then applies for ever.
+  return state == State::SegmentStart || state == State::Locked || state == State::EndlessNumber ||
+         state == State::LaterNumber;
 }
 
 std::optional<std::vector<PatternLockPolicy>> getPatternLockPolicy(

@@ -38,9 +38,13 @@ inline constexpr std::string_view kPatternLockPolicyLockoutExpression =
     "^([1-9][0-9]*-[1-9][0-9]*(-[1-9][0-9]*)*[|]){0,}([1-9][0-9]*-lock){1}$";
 inline constexpr std::string_view kPatternLockPolicyEndlessExpression =
     "^([1-9][0-9]*-[1-9][0-9]*(-[1-9][0-9]*)*[|]){0,}([n]-[1-9][0-9]*(-[1-9][0-9]*)*){0,}$";
+// Beyond the two: numbered segments only, the last one without "|" ("2-5").
+inline constexpr std::string_view kPatternLockPolicyNumberedExpression =
+    "^([1-9][0-9]*-[1-9][0-9]*(-[1-9][0-9]*)*[|]){0,}[1-9][0-9]*-[1-9][0-9]*(-[1-9][0-9]*)*$";
 
-// True when the text matches one of the two expressions above. A linear scan with no recursion
-// and no allocation, equal to the expressions on every input.
+// True when the text matches one of the three expressions above (the third accepts "2-5": two
+// rounds of 5, the last of them applying for ever). A linear scan with no recursion and no
+// allocation.
 bool matchesPatternLockPolicyGrammar(std::string_view text);
 
 // Parses the configured policy text into its rounds: list index i is the round entered after i

@@ -8,11 +8,12 @@ namespace {
 
 constexpr int64_t kMicrosPerSecond = 1000000;
 
-// The wait of a round in microseconds as a signed 32-bit product, widened. Unsigned arithmetic
-// wraps without undefined behaviour, and the conversion to int32_t is modular since C++20.
-int64_t narrowWaitMicros(int64_t durationSec) {
-  const uint32_t product = static_cast<uint32_t>(durationSec) * static_cast<uint32_t>(1000000);
-  return static_cast<int64_t>(static_cast<int32_t>(product));
+// The wait of a round in microseconds, saturating instead of overflowing.
+int64_t waitMicros(int64_t durationSec) {
+  int64_t product = 0;
+  if (!__builtin_mul_overflow(durationSec, kMicrosPerSecond, &product)) return product;
+  return durationSec > 0 ? std::numeric_limits<int64_t>::max()
+                         : std::numeric_limits<int64_t>::min();
 }
 
 int64_t saturatingAdd(int64_t a, int64_t b) {
@@ -31,7 +32,7 @@ int64_t SystemClock::delayRetryPatternLockTime(int64_t /*unused*/,
                                                const PatternLockPolicy& patternLockPolicy) const {
   const int64_t now = uptime();
   if (!patternLockPolicy.isTemplockRound) return now;
-  return saturatingAdd(now, narrowWaitMicros(patternLockPolicy.durationSec.value_or(0)));
+  return saturatingAdd(now, waitMicros(patternLockPolicy.durationSec.value_or(0)));
 }
 
 int64_t SystemClock::checkCanRetryPatternLock(int64_t deadline) const {

@@ -18,9 +18,8 @@ class SystemClock {
   int64_t uptime() const;
 
   // The deadline after failing `patternLockPolicy`: now, plus its wait for a temporary-lock round.
-  // The wait in microseconds is durationSec * 1,000,000 formed in signed 32-bit arithmetic (two's
-  // complement wrap) and then widened, so waits of 2,148 s or more wrap; 2,148 s gives
-  // -2,146,967,296 us, a deadline in the past. The first argument is not used.
+  // The wait in microseconds is durationSec * 1,000,000 in 64 bits (saturating), so a wait of an
+  // hour is an hour. The first argument is not used.
   int64_t delayRetryPatternLockTime(int64_t unused,
                                     const PatternLockPolicy& patternLockPolicy) const;
 

@@ -46,7 +46,8 @@ TEST(LockoutPolicyTest, KnownTexts) {
       {"1-" + max + "-" + max + "|" + max + "-lock",
        Rounds{templock("1", kMax, kMax), lockout("2", kMax)}},
       {"1-1-5-" + longTail + "|1-lock", Rounds{templock("1", 1, 5), lockout("2", 1)}},
-      {"2-5", std::nullopt},
+      {"2-5", Rounds{plain("1", 5), plain("2", 5)}},
+      {"1-3|2-5-10", Rounds{plain("1", 3), templock("2", 5, 10), templock("3", 5, 10)}},
       {"01-3", std::nullopt},
       {"0-3|1-lock", std::nullopt},
       {"1-0|1-lock", std::nullopt},
@@ -90,11 +91,13 @@ TEST(LockoutPolicyTest, RoundCountIsCapped) {
 bool regexAccepts(const std::string& text) {
   static const std::regex lockoutForm{std::string(kPatternLockPolicyLockoutExpression)};
   static const std::regex endlessForm{std::string(kPatternLockPolicyEndlessExpression)};
-  return std::regex_search(text, lockoutForm) || std::regex_search(text, endlessForm);
+  static const std::regex numberedForm{std::string(kPatternLockPolicyNumberedExpression)};
+  return std::regex_search(text, lockoutForm) || std::regex_search(text, endlessForm) ||
+         std::regex_search(text, numberedForm);
 }
 
 // Random texts built from right and wrong fields and joins: the matcher equals the expressions.
-TEST(LockoutPolicyTest, MatcherEqualsBothExpressions) {
+TEST(LockoutPolicyTest, MatcherEqualsTheExpressions) {
   static const char* const kHeads[] = {"1", "12", "n", "n", "0", "05", "", "x"};
   static const char* const kFields[] = {"3", "40", "7", "lock", "0", "n", "", "7n", "1 "};
   static const char* const kJoins[] = {"|", "|", "|", "", "||", "-"};
@@ -120,7 +123,7 @@ TEST(LockoutPolicyTest, MatcherEqualsBothExpressions) {
   EXPECT_GT(accepted, 2000);
 }
 
-TEST(LockoutClockTest, DelayUsesTheNarrowProduct) {
+TEST(LockoutClockTest, DelayIsTheWholeWait) {
   constexpr int64_t kNow = 5'000'000'000;
   const struct {
     PatternLockPolicy round;
@@ -130,11 +133,11 @@ TEST(LockoutClockTest, DelayUsesTheNarrowProduct) {
       {lockout("2", 3), 0},
       {PatternLockPolicy{"1", 3, 60, false, false}, 0},  // the flag decides, not the field
       {templock("1", 3, 60), 60'000'000},
-      {templock("1", 3, 2147), 2'147'000'000},
-      {templock("1", 3, 2148), -2'146'967'296},
-      {templock("1", 3, 4295), 32'704},
-      {templock("1", 3, 4'294'967'356), 60'000'000},
+      {templock("1", 3, 2148), 2'148'000'000},
+      {templock("1", 3, 3600), 3'600'000'000},
+      {templock("1", 3, 4'294'967'356), 4'294'967'356'000'000},
       {templock("1", 3, -1), -1'000'000},
+      {templock("1", 3, kMax / 1000), kMax - kNow},  // saturates
   };
   for (const auto& c : cases) {
     testing::FakeClock clock(kNow);
@@ -173,10 +176,9 @@ TEST(LockoutClockTest, WaitsFollowTheClock) {
   EXPECT_EQ(systemClock.checkCanRetryPatternLock(shortWait), 1);
   clock.jumpAfter(0, 1'000'000);  // the device sleeps for a second
   EXPECT_EQ(systemClock.checkCanRetryPatternLock(shortWait), 0);
-  // A 3,000-second wait wraps to a deadline in the past: no wait at all.
-  const int64_t wrapped = systemClock.delayRetryPatternLockTime(0, templock("1", 3, 3000));
-  EXPECT_LT(wrapped, systemClock.uptime());
-  EXPECT_EQ(systemClock.checkCanRetryPatternLock(wrapped), 0);
+  // An hour is an hour.
+  const int64_t hour = systemClock.delayRetryPatternLockTime(0, templock("1", 3, 3600));
+  EXPECT_EQ(systemClock.checkCanRetryPatternLock(hour), 3600);
 }
 
 TEST(LockoutBoottimeClockTest, MonotonicMicrosecondsOfBoottime) {
