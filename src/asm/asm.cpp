@@ -77,74 +77,13 @@ std::string joined(std::string_view first, std::string_view second) {
   return text;
 }
 
-// Appends `text` as a JSON string, escaped as nlohmann::json writes it: quote, backslash and the
-// control characters escaped (short forms where JSON has them, else \u00xx), everything else,
-// "/" and non-ASCII included, as it is. False when the text is not valid UTF-8.
-bool appendJsonString(std::string& out, std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  out.push_back('"');
-  size_t at = 0;
-  while (at < text.size()) {
-    const auto c = static_cast<unsigned char>(text[at]);
-    if (c >= 0x80) {
-      const size_t length = utf8SequenceLength(text, at);
-      if (length == 0) return false;
-      out.append(text.substr(at, length));
-      at += length;
-      continue;
-    }
-    switch (c) {
-      case '"':
-        out.append("\\\"");
-        break;
-      case '\\':
-        out.append("\\\\");
-        break;
-      case '\b':
-        out.append("\\b");
-        break;
-      case '\f':
-        out.append("\\f");
-        break;
-      case '\n':
-        out.append("\\n");
-        break;
-      case '\r':
-        out.append("\\r");
-        break;
-      case '\t':
-        out.append("\\t");
-        break;
-      default:
-        if (c < 0x20) {
-          out.append("\\u00");
-          out.push_back(kHex[c >> 4]);
-          out.push_back(kHex[c & 0x0F]);
-        } else {
-          out.push_back(static_cast<char>(c));
-        }
-    }
-    ++at;
-  }
-  out.push_back('"');
-  return true;
-}
-
-// Room for a JSON object of these strings without reallocating (an escape is at most 6 bytes), so
-// that no copy of a secret member is left behind in freed memory.
-size_t jsonCapacity(std::initializer_list<std::string_view> texts) {
-  size_t size = 64;
-  for (std::string_view text : texts) size += 6 * text.size() + 16;
-  return size;
-}
-
 // The ASM registration record. Absent when a text is not valid UTF-8.
 std::optional<SecretBytes> makeRegistrationRecord(std::string_view callerId, std::string_view appID,
                                                   std::string_view keyHandle,
                                                   std::string_view keyID, std::string_view asmToken,
                                                   uint64_t userVerification) {
   std::string text;
-  text.reserve(jsonCapacity({callerId, appID, keyHandle, keyID, asmToken}) + 32);
+  text.reserve(jsonmodel::jsonCapacity({callerId, appID, keyHandle, keyID, asmToken}) + 32);
   const std::array<std::pair<std::string_view, std::string_view>, 5> members = {{
       {"callerId", callerId},
       {"appID", appID},
@@ -157,7 +96,7 @@ std::optional<SecretBytes> makeRegistrationRecord(std::string_view callerId, std
   for (const auto& [name, value] : members) {
     text.push_back('"');
     text.append(name).append("\":");
-    valid = valid && appendJsonString(text, value);
+    valid = valid && jsonmodel::appendJsonString(text, value);
     text.push_back(',');
   }
   text.append("\"userVerification\":").append(std::to_string(userVerification)).push_back('}');
@@ -290,13 +229,13 @@ Result<void> Asm::loadAsmToken() {
 std::optional<std::string> Asm::makeKHAccessToken(std::string_view appID, std::string_view asmToken,
                                                   std::string_view callerId, Error* error) {
   std::string text;
-  text.reserve(jsonCapacity({appID, asmToken, callerId}));
+  text.reserve(jsonmodel::jsonCapacity({appID, asmToken, callerId}));
   text.append("{\"appID\":");
-  bool valid = appendJsonString(text, appID);
+  bool valid = jsonmodel::appendJsonString(text, appID);
   text.append(",\"asmToken\":");
-  valid = valid && appendJsonString(text, asmToken);
+  valid = valid && jsonmodel::appendJsonString(text, asmToken);
   text.append(",\"callerId\":");
-  valid = valid && appendJsonString(text, callerId);
+  valid = valid && jsonmodel::appendJsonString(text, callerId);
   text.push_back('}');
   if (!valid) {
     wipe(text);
@@ -334,13 +273,13 @@ AuthenticatorFeature* Asm::authenticatorFor(uint64_t userVerification) const {
 bool Asm::deregisterUserHash(const std::string& userHash) {
   const std::string account = joined(userHash, GenericAuthenticator::kAaid);
   bool kept = true;
-  for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+  for (std::string_view prefix : GenericAuthenticator::kRegistrationRecords) {
     kept &= keychain_.deleteGenericPasswordWithAccount(
                 account, std::nullopt, joined(prefix, userHash)) != StoreStatus::storeError;
   }
   // Only once the records are gone: a record whose key is gone could never sign again.
-  return kept && keychain_.deleteKeyPair(GenericAuthenticator::privateKeyTag(
-                     facetID_, userHash)) != StoreStatus::storeError;
+  return kept && keychain_.deleteKeyPair(GenericAuthenticator::privateKeyTag(facetID_, userHash)) !=
+                     StoreStatus::storeError;
 }
 
 bool Asm::deleteKeyIfOrphaned(const std::string& userHash) {
@@ -625,7 +564,7 @@ AsmResponse Asm::deregister(const AsmRequest& request) {
       kept = deregisterUserHash(userHash);
     } else {
       const std::string account = joined(userHash, GenericAuthenticator::kAaid);
-      for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+      for (std::string_view prefix : GenericAuthenticator::kRegistrationRecords) {
         note(keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, *args->keyID),
                                                         joined(prefix, userHash)));
       }
@@ -636,7 +575,7 @@ AsmResponse Asm::deregister(const AsmRequest& request) {
     Result<std::vector<std::string>> accounts =
         keychain_.findGenericPasswordAccountDescWithService(joined(kAsmData, *args->keyID));
     if (!accounts) return statusOnly(kStatusError);
-    for (std::string_view prefix : {kAsmData, kAuthenticatorData}) {
+    for (std::string_view prefix : GenericAuthenticator::kRegistrationRecords) {
       note(keychain_.deleteGenericPasswordWithAccount(std::nullopt, joined(prefix, *args->keyID),
                                                       std::nullopt));
     }

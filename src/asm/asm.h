@@ -25,6 +25,7 @@
 #include "asm/asm_records.h"
 #include "asm/corvane_delegate.h"
 #include "authenticator/authenticator_feature.h"
+#include "authenticator/generic_authenticator.h"
 #include "configuration/configuration.h"
 #include "corvane/error.h"
 #include "corvane/secret_bytes.h"
@@ -44,8 +45,8 @@ class Asm final : public AsmDelegate {
   static constexpr std::string_view kAsmTokenAccount = "CORVANE";
   static constexpr size_t kAsmTokenSize = 16;
   // Item name prefixes of the ASM's records and of the authenticators' records.
-  static constexpr std::string_view kAsmData = "ASMKH.data";
-  static constexpr std::string_view kAuthenticatorData = "AUTHNR.data";
+  static constexpr std::string_view kAsmData = GenericAuthenticator::kAsmData;
+  static constexpr std::string_view kAuthenticatorData = GenericAuthenticator::kAuthenticatorData;
 
   // Descriptions of the errors the ASM raises itself.
   static constexpr std::string_view kNoActiveAuthenticator = "no active authenticator.";

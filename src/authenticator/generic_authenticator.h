@@ -2,6 +2,7 @@
 // metadata record and differ only in their user-verification index: 1 biometry, 2 pattern.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -22,6 +23,14 @@ class GenericAuthenticator {
   static constexpr uint64_t kUserVerificationPattern = 2;
   static constexpr std::string_view kBiometry = "biometry";
   static constexpr std::string_view kPattern = "pattern";
+  // Prefixes of the records of one registration, joined with "." to the base64url key ID (the
+  // service) and to the user hash (the generic attribute): the ASM's, the authenticator's, and
+  // the authenticator's last sign time.
+  static constexpr std::string_view kAsmData = "ASMKH.data";
+  static constexpr std::string_view kAuthenticatorData = "AUTHNR.data";
+  static constexpr std::string_view kSignTime = "AUTHNR.signtime";
+  static constexpr std::array<std::string_view, 3> kRegistrationRecords = {
+      kAsmData, kAuthenticatorData, kSignTime};
 
   // Name to index: "biometry" 1, "pattern" 2.
   static const std::map<std::string, uint64_t, std::less<>>& listAllUserVerification();

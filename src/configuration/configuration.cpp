@@ -73,6 +73,21 @@ std::string Configuration::getSDKDefaultLocalizedStringWithLang(
   return text.value_or(std::string());
 }
 
+std::string Configuration::getLocalizedNumberText(std::string_view key, int64_t number) const {
+  const std::string format = getLocalizedStringAndReplaceWithKey(key);
+  const std::string value = std::to_string(number);
+  std::string out;
+  for (size_t at = 0; at < format.size();) {
+    if (format.compare(at, 3, "%ld") == 0) {
+      out += value;
+      at += 3;
+    } else {
+      out += format[at++];
+    }
+  }
+  return out;
+}
+
 std::string Configuration::getLocalizedStringAndReplaceWithKey(std::string_view key) const {
   std::optional<std::string> language = defaults_.getString(kUserDefaultsPreferredLanguageKey);
   std::string result;

@@ -165,6 +165,9 @@ class Configuration {
                                                    std::string_view key) const;
   // True when the text is absent, empty or equal to the key (a failed lookup gives the key back).
   static bool isMessageInvalid(std::optional<std::string_view> text, std::string_view key);
+  // The text for `key` with every "%ld" replaced by `number` in decimal; no other conversion is
+  // read, so a host's text cannot make the formatter read what is not there.
+  std::string getLocalizedNumberText(std::string_view key, int64_t number) const;
 
   // The colour under `key` in the host's "zandrel_fido_sdk_color", else in the framework's.
   [[nodiscard]] std::optional<Color> getColorFromInfoPlistWithKey(std::string_view key) const;

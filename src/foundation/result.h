@@ -31,6 +31,9 @@ class [[nodiscard]] Result {
   T* operator->() { return &value(); }
   const T* operator->() const { return &value(); }
 
+  // The value, or `fallback` on a failure.
+  T value_or(T fallback) const& { return ok() ? value() : std::move(fallback); }
+
   // The failure; only when !ok().
   const Error& error() const { return std::get<1>(state_); }
 

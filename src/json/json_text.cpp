@@ -1,5 +1,7 @@
 #include "json/json_text.h"
 
+#include "foundation/utils.h"
+
 #include <algorithm>
 #include <exception>
 #include <utility>
@@ -153,6 +155,62 @@ bool truthValue(const nlohmann::json& value) {
   if (i >= text.size()) return false;
   char c = text[i];
   return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+}
+
+bool appendJsonString(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out.push_back('"');
+  size_t at = 0;
+  while (at < text.size()) {
+    const auto c = static_cast<unsigned char>(text[at]);
+    if (c >= 0x80) {
+      const size_t length = utf8SequenceLength(text, at);
+      if (length == 0) return false;
+      out.append(text.substr(at, length));
+      at += length;
+      continue;
+    }
+    switch (c) {
+      case '"':
+        out.append("\\\"");
+        break;
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\b':
+        out.append("\\b");
+        break;
+      case '\f':
+        out.append("\\f");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      default:
+        if (c < 0x20) {
+          out.append("\\u00");
+          out.push_back(kHex[c >> 4]);
+          out.push_back(kHex[c & 0x0F]);
+        } else {
+          out.push_back(static_cast<char>(c));
+        }
+    }
+    ++at;
+  }
+  out.push_back('"');
+  return true;
+}
+
+size_t jsonCapacity(std::initializer_list<std::string_view> texts) {
+  size_t size = 64;
+  for (std::string_view text : texts) size += 6 * text.size() + 16;
+  return size;
 }
 
 }  // namespace corvane::jsonmodel

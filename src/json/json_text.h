@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,5 +36,15 @@ std::string dumpJson(const nlohmann::ordered_json& value);
 // optional sign with zeros, a leading "Y", "y", "T", "t" or digit 1-9 means true); anything else
 // is false.
 bool truthValue(const nlohmann::json& value);
+
+// Appends `text` as a JSON string, escaped as nlohmann::json writes it: quote, backslash and the
+// control characters escaped (short forms where JSON has them, else \u00xx), everything else, "/"
+// and non-ASCII included, as it is. False when the text is not valid UTF-8 (nothing is replaced:
+// two different texts must never give one JSON text). Writing by hand fixes the member order and
+// lets a caller keep secret members in a buffer it wipes.
+bool appendJsonString(std::string& out, std::string_view text);
+// Room for a JSON object of these strings without reallocating (an escape is at most 6 bytes), so
+// that no copy of a secret member is left behind in freed memory.
+size_t jsonCapacity(std::initializer_list<std::string_view> texts);
 
 }  // namespace corvane::jsonmodel

@@ -11,6 +11,7 @@
 
 #include "crypto/iag_aes_gcm.h"
 #include "foundation/utils.h"
+#include "json/secret_json.h"
 
 namespace corvane {
 
@@ -25,11 +26,9 @@ constexpr uint8_t kSealFormat = 0x01;
 // The format byte, the IV, at least one byte of ciphertext and the tag.
 constexpr size_t kSealedMinimum = 1 + PatternManager::kIvSize + 1 + PatternManager::kTagSize;
 
-// JSON whose texts (and the parser's token buffer) live in memory that is wiped when released, so
-// the key a last pattern item carries leaves no copy behind on the heap.
-using SecretString =
-    std::basic_string<char, std::char_traits<char>, internal::WipingAllocator<char>>;
-using SecretJson = nlohmann::basic_json<std::map, std::vector, SecretString>;
+// The key a last pattern item carries leaves no copy behind on the heap.
+using jsonmodel::SecretJson;
+using jsonmodel::SecretString;
 
 // Base64url without padding, appended to a secret buffer.
 void appendBase64Url(SecretBytes& out, std::span<const uint8_t> data) {
@@ -207,16 +206,27 @@ Result<bool> PatternManager::isSameAsLastPattern(std::span<const uint32_t> patte
   return serialized && serializedPatternEquals(*serialized, pattern);
 }
 
-Result<void> PatternManager::updatePattern(std::span<const uint32_t> pattern,
-                                           std::string_view username) {
+Result<SecretBytes> PatternManager::sealForStore(std::span<const uint32_t> pattern) {
   Result<SecretBytes> key = getPatternLockEncryptKey();
   if (!key) return key.error();
   std::optional<SecretBytes> serialized = serializePattern(pattern);
   if (!serialized) return sealFailure();
   std::optional<SecretBytes> sealed = sealPattern(*key, *serialized);
   if (!sealed) return sealFailure();
+  return std::move(*sealed);
+}
+
+Result<void> PatternManager::storeSealedPattern(const SecretBytes& sealed,
+                                                std::string_view username) {
   return written(keychain_.insertOrUpdateGenericPasswordWithAccount(
-      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt, *sealed));
+      currentPatternAccount(username), Keychain::kServicePatternLock, std::nullopt, sealed));
+}
+
+Result<void> PatternManager::updatePattern(std::span<const uint32_t> pattern,
+                                           std::string_view username) {
+  Result<SecretBytes> sealed = sealForStore(pattern);
+  if (!sealed) return sealed.error();
+  return storeSealedPattern(*sealed, username);
 }
 
 Result<void> PatternManager::writeLastPattern(const std::string& account, const SecretBytes& key,

@@ -58,6 +58,12 @@ class PatternManager {
 
   // Seals the pattern under the key and inserts or replaces the user's current pattern item.
   Result<void> updatePattern(std::span<const uint32_t> pattern, std::string_view username);
+  // The two halves of updatePattern: the pattern sealed under the pattern-store key (made first
+  // when there is none), and the sealed form stored as the user's current pattern. A screen
+  // seals the pattern the moment it is confirmed, so no clear copy outlives the call, and the
+  // registration stores it with its other records.
+  Result<SecretBytes> sealForStore(std::span<const uint32_t> pattern);
+  Result<void> storeSealedPattern(const SecretBytes& sealed, std::string_view username);
   // Copies the user's current sealed pattern, with the current key, into the last pattern item
   // (nothing to do without a current pattern).
   Result<void> updateLastPatternForUsername(std::string_view username);
