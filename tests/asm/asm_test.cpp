@@ -387,5 +387,123 @@ TEST(AsmDeregister, DeletesExactlyWhatItsArgumentsName) {
   EXPECT_EQ(rig.record("ASMKH.data", "alice", "k1"), "v");
 }
 
+// The public entry points dispatch each request type to the operation of that name, and run
+// nothing for "openSettings" or a type past the list. Each path runs in a fresh rig holding one
+// registration of alice; what it returns, what the delegate hears, which commands the
+// authenticators get and whether the record survives must match the direct call.
+TEST(AsmDispatch, EveryEntryPointRunsTheOperationOfTheRequestType) {
+  struct Seen {
+    std::optional<AsmResponse> returned;
+    std::vector<std::pair<bool, AsmResponse>> answers;
+    std::vector<std::optional<Error>> errors;
+    size_t registerCommands = 0;
+    size_t signCommands = 0;
+    bool recordKept = false;
+    bool operator==(const Seen&) const = default;
+  };
+  enum class Path { direct, execute, thenResponse, runner };
+  const auto run = [](const AsmRequest& r, Path path) {
+    AsmRig rig;
+    auto a = rig.make();
+    registerKey(rig, *a, 2, "kid");
+    rig.delegate.answers.clear();
+    rig.authenticator(2).registerCommands.clear();
+    rig.authenticator(2).registerAnswer = {true, registered(2, "kid-new"), std::nullopt};
+    rig.authenticator(2).signAnswer = {true, {0, "signed"}, std::nullopt};
+    Seen seen;
+    switch (path) {
+      case Path::direct:
+        switch (r.requestType) {
+          case 0:
+            seen.returned = a->getInfo(r);
+            break;
+          case 1:
+            a->registration(r);
+            break;
+          case 2:
+            a->authenticate(r);
+            break;
+          case 3:
+            seen.returned = a->deregister(r);
+            break;
+          case 4:
+            seen.returned = a->getRegistrations(r);
+            break;
+          default:
+            break;
+        }
+        break;
+      case Path::execute:
+        a->executeWithAsmRequest(r);
+        break;
+      case Path::thenResponse:
+        seen.returned = a->executeWithAsmRequestThenResponse(r);
+        break;
+      case Path::runner:
+        seen.returned = a->runner()(r);
+        break;
+    }
+    for (const auto& answer : rig.delegate.answers) {
+      seen.answers.emplace_back(answer.authenticate, answer.response);
+      seen.errors.push_back(answer.error);
+    }
+    for (uint64_t index : {1, 2}) {
+      seen.registerCommands += rig.authenticator(index).registerCommands.size();
+      seen.signCommands += rig.authenticator(index).signCommands.size();
+    }
+    seen.recordKept = rig.record("ASMKH.data", kUser, "kid") != "-";
+    return seen;
+  };
+  const auto typed = [](uint64_t type, AsmRequest r) {
+    r.requestType = type;
+    return r;
+  };
+  struct Case {
+    std::string name;
+    AsmRequest request;
+    // What the direct call does: the status it returns (absent: returns nothing), the status the
+    // delegate hears (absent: hears nothing), and whether alice's record is left.
+    std::optional<uint64_t> returned, answered;
+    bool recordKept;
+  };
+  const std::vector<Case> cases = {
+      {"getInfo", request(AsmRequestType::kGetInfo, {}), 0, std::nullopt, true},
+      {"registration", registration(), std::nullopt, 0, true},
+      {"authenticate", authentication({"kid"}), std::nullopt, 0, true},
+      {"deregister",
+       request(AsmRequestType::kDeregister, DeregisterIn{std::string(kUser), "", "kid"}), 0,
+       std::nullopt, false},
+      {"getRegistrations",
+       request(AsmRequestType::kGetRegistrations, GetRegistrationsIn{std::string(kUser)}), 0,
+       std::nullopt, true},
+      {"openSettings", request(AsmRequestType::kOpenSettings, DeregisterIn{}), std::nullopt,
+       std::nullopt, true},
+      // Arguments that would wipe everything, were a type past the list taken for deregister.
+      {"type 6", typed(6, request(AsmRequestType::kDeregister, DeregisterIn{})), std::nullopt,
+       std::nullopt, true},
+      {"type 2^64-1", typed(UINT64_MAX, registration()), std::nullopt, std::nullopt, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Seen direct = run(c.request, Path::direct);
+    EXPECT_EQ(direct.returned ? std::optional(direct.returned->statusCode) : std::nullopt,
+              c.returned);
+    ASSERT_EQ(direct.answers.size(), c.answered ? 1u : 0u);
+    if (c.answered) {
+      EXPECT_EQ(direct.answers[0].second.statusCode, *c.answered);
+    }
+    EXPECT_EQ(direct.registerCommands + direct.signCommands, c.answered ? 1u : 0u);
+    EXPECT_EQ(direct.recordKept, c.recordKept);
+
+    Seen dropped = direct;
+    dropped.returned.reset();
+    EXPECT_EQ(run(c.request, Path::execute), dropped);
+    Seen answered = direct;
+    answered.returned = direct.returned.value_or(status(1));
+    EXPECT_EQ(run(c.request, Path::thenResponse), answered);
+    EXPECT_EQ(run(c.request, Path::runner), answered);
+  }
+}
+
 }  // namespace
 }  // namespace corvane

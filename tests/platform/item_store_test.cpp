@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "fakes/fake_item_store.h"
 #include "linux/sqlite_item_store.h"
 #include "test_files.h"
 #include "test_support.h"
@@ -179,6 +181,123 @@ TEST_F(ItemStoreContract, RemoveWidensOverAbsentAttributes) {
     EXPECT_EQ(store_->findFirst(c.query, nullptr), StoreStatus::notFound);
   }
 }
+
+// Names are compared as exact bytes by the SQLite store and by the fake the upper layers are
+// tested with: no case folding, and "%", "_" and "\" are plain characters, never patterns. A name
+// that differs only in case, or that a pattern would match, reaches no item through any call.
+class ItemStoreNames : public ::testing::TestWithParam<std::string> {
+ protected:
+  void SetUp() override {
+    if (GetParam() == "sqlite") {
+      store_ = SqliteItemStore::open(dir_.path() / "items.sqlite", nullptr);
+    } else {
+      store_ = std::make_unique<testing::FakeItemStore>();
+    }
+    ASSERT_NE(store_, nullptr);
+  }
+  TempDir dir_;
+  std::unique_ptr<ItemStore> store_;
+};
+
+TEST_P(ItemStoreNames, CaseAndWildcardsNeverWidenAMatch) {
+  using List = std::vector<std::string>;
+  const List accounts = {"alice", "Alice", "a_ice", "a%", "%", "a\\%"};
+  const List services = {"svc", "SVC", "s_c", "s%"};
+  std::map<std::pair<std::string, std::string>, std::string> expected;
+  for (const std::string& a : accounts) {
+    for (const std::string& s : services) {
+      ASSERT_EQ(store_->add(item(a, s), secret(a + "|" + s)), StoreStatus::ok) << a << "|" << s;
+      expected[{a, s}] = a + "|" + s;
+    }
+  }
+  const auto find = [this](ItemQuery query) -> std::string {
+    SecretBytes value;
+    const StoreStatus status = store_->findFirst(query, &value);
+    return status == StoreStatus::ok         ? std::string(value.exposeSecretText())
+           : status == StoreStatus::notFound ? "-"
+                                             : "error";
+  };
+  const auto checkAll = [&] {
+    for (const std::string& a : accounts) {
+      for (const std::string& s : services) {
+        auto it = expected.find({a, s});
+        EXPECT_EQ(find({.account = a, .service = s}), it == expected.end() ? "-" : it->second)
+            << a << "|" << s;
+      }
+    }
+  };
+  checkAll();
+  const List newestServices(services.rbegin(), services.rend());
+  const List newestAccounts(accounts.rbegin(), accounts.rend());
+  for (const std::string& a : accounts) {
+    SCOPED_TRACE(a);
+    EXPECT_EQ(find({.account = a}), a + "|svc");
+    List listed;
+    EXPECT_EQ(store_->listServices({.account = a}, &listed), StoreStatus::ok);
+    EXPECT_EQ(listed, newestServices);
+  }
+  for (const std::string& s : services) {
+    SCOPED_TRACE(s);
+    EXPECT_EQ(find({.service = s}), "alice|" + s);
+    List listed;
+    EXPECT_EQ(store_->listAccounts({.service = s}, &listed), StoreStatus::ok);
+    EXPECT_EQ(listed, newestAccounts);
+  }
+
+  // Lookalikes: other case, and texts that a LIKE pattern or an escape would match.
+  const std::vector<ItemQuery> lookalikes = {
+      {.account = "ALICE"},
+      {.account = "alicE"},
+      {.account = "_lice"},
+      {.account = "a%ice"},
+      {.account = "a\\_ice"},
+      {.account = "a"},
+      {.account = "%%"},
+      {.account = "a\\\\%"},
+      {.service = "Svc"},
+      {.service = "s__"},
+      {.service = "s"},
+      {.service = "%"},
+      {.account = "Alice", .service = "Svc"},
+      {.account = "_", .service = "_"},
+  };
+  for (const ItemQuery& query : lookalikes) {
+    SCOPED_TRACE(query.account.value_or("*") + "|" + query.service.value_or("*"));
+    List listed{"keep"};
+    EXPECT_EQ(store_->findFirst(query, nullptr), StoreStatus::notFound);
+    EXPECT_EQ(store_->listServices(query, &listed), StoreStatus::notFound);
+    EXPECT_EQ(store_->listAccounts(query, &listed), StoreStatus::notFound);
+    EXPECT_EQ(listed, List{"keep"});
+    EXPECT_EQ(store_->update(query, secret("changed")), StoreStatus::notFound);
+    EXPECT_EQ(store_->remove(query), StoreStatus::notFound);
+  }
+  checkAll();
+
+  // Update and delete reach exactly the items named.
+  EXPECT_EQ(store_->update({.account = "Alice", .service = "s_c"}, secret("new")), StoreStatus::ok);
+  expected[{"Alice", "s_c"}] = "new";
+  EXPECT_EQ(store_->update({.account = "a%"}, secret("a%-all")), StoreStatus::ok);
+  for (const std::string& s : services) expected[{"a%", s}] = "a%-all";
+  checkAll();
+  EXPECT_EQ(store_->remove({.account = "a_ice"}), StoreStatus::ok);
+  EXPECT_EQ(store_->remove({.service = "SVC"}), StoreStatus::ok);
+  EXPECT_EQ(store_->remove({.account = "%", .service = "s%"}), StoreStatus::ok);
+  std::erase_if(expected, [](const auto& entry) {
+    const auto& [a, s] = entry.first;
+    return a == "a_ice" || s == "SVC" || (a == "%" && s == "s%");
+  });
+  checkAll();
+  List listed;
+  EXPECT_EQ(store_->listAccounts({.service = "svc"}, &listed), StoreStatus::ok);
+  EXPECT_EQ(listed, (List{"a\\%", "%", "a%", "Alice", "alice"}));
+  EXPECT_EQ(store_->listServices({.account = "%"}, &listed), StoreStatus::ok);
+  EXPECT_EQ(listed, (List{"s_c", "svc"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, ItemStoreNames, ::testing::Values("sqlite", "fake"),
+                         [](const ::testing::TestParamInfo<std::string>& info) {
+                           return info.param;
+                         });
 
 TEST(SqliteItemStoreTest, FilesArePrivateWhateverTheUmask) {
   TempDir dir;

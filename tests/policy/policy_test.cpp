@@ -106,6 +106,14 @@ TEST_F(PolicyTableTest, AcceptedList) {
       {R"([[{"userVerification":1152}]])", false},
       {R"([[{"userVerification":128}]])", false, kBoth, uv(0x492)},
       {R"([[{"userVerification":1024}]])", true, kBoth, uv(0x400)},
+      // One bit in common is enough, whatever else either side carries: pattern + presence
+      // against pattern + face + fingerprint, fingerprint + passcode, pattern + passcode against
+      // pattern alone; none in common is not.
+      {R"([[{"userVerification":129}]])", true},
+      {R"([[{"userVerification":6}]])", true},
+      {R"([[{"userVerification":132}]])", true, kBoth, uv(0x80)},
+      {R"([[{"userVerification":129}]])", false, kBoth, uv(0x12)},
+      {R"([[{"userVerification":1153}]])", false},
       {R"([[{"userVerification":128.5}]])", false},
       {R"([[{"userVerification":"146"}]])", false},
       {R"([[{"keyProtection":2}]])", false},
@@ -146,6 +154,19 @@ TEST_F(PolicyTableTest, DisallowedList) {
       {R"([{"userVerification":1024}])", true},
       {R"([{"userVerification":1170}])", true, kEmpty},
       {R"([{"userVerification":146}])", true, kBoth, uv(0)},
+      // A criterion sharing one bit and carrying others takes the methods of its bits away, and
+      // disallows only when none is left: pattern + presence, fingerprint + passcode, pattern +
+      // fingerprint + presence, and pattern + passcode against a pattern-only authenticator.
+      {R"([{"userVerification":129}])", true, kBio},
+      {R"([{"userVerification":6}])", true, kPattern},
+      {R"([{"userVerification":131}])", false, kEmpty},
+      {R"([{"userVerification":132}])", false, kEmpty,
+       [](AuthenticatorInfo& a) {
+         a.userVerification = 0x80;
+         a.uvs = kPattern;
+       }},
+      // No bit in common never disallows, even when the criterion takes every method away.
+      {R"([{"userVerification":130}])", true, kEmpty, uv(0x01)},
       {R"([{"userVerification":128},{"userVerification":18}])", false, kEmpty},
       {R"([{"aaid":["X"],"userVerification":146}])", true},
       {R"([{"userVerification":128}])", false, std::nullopt,

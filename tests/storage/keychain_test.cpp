@@ -115,20 +115,49 @@ TEST_P(KeychainTest, LastPatternItemSurvivesDeregAllDatasAndFallsToReset) {
   EXPECT_EQ(k().corvaneAccessGroup().value(), KeychainRig::kGroup);  // the seed item stays
 }
 
+// The key under "AUTHNR.authKeyTag" wins over the older "AUTHNR.encryptKey" whichever was stored
+// first; only "0F3D#0002" items count; and a first place that cannot be read is a failure, never
+// a reason to use the older key.
 TEST_P(KeychainTest, EncryptKeyFallsBackOnlyWhenTheFirstIsAbsent) {
-  EXPECT_EQ(shown(k().getAesEncryptKey()), "-");
-  ASSERT_EQ(k().insertGenericPasswordWithAccount("0F3D#0002", "AUTHNR.encryptKey", std::nullopt,
-                                                 secret("older")),
-            StoreStatus::ok);
-  EXPECT_EQ(shown(k().getAesEncryptKey()), "older");
-  ASSERT_EQ(k().insertGenericPasswordWithAccount("0F3D#0002", "AUTHNR.authKeyTag", std::nullopt,
-                                                 secret("newer")),
-            StoreStatus::ok);
-  EXPECT_EQ(shown(k().getAesEncryptKey()), "newer");
-  if (FakeItemStore* fake = rig_.fake()) {
-    // A first place that cannot be read is a failure, not a reason to use the older key.
-    fake->failReadsOfService("AUTHNR.authKeyTag");
-    EXPECT_EQ(shown(k().getAesEncryptKey()), "!");
+  struct Stored {
+    std::string account, service, value;
+  };
+  const Stored older{"0F3D#0002", "AUTHNR.encryptKey", "older"};
+  const Stored newer{"0F3D#0002", "AUTHNR.authKeyTag", "newer"};
+  const Stored otherAccount{"0f3d#0002", "AUTHNR.authKeyTag", "other account"};
+  struct Case {
+    std::string name;
+    std::vector<Stored> stored;             // in this order
+    std::optional<std::string> unreadable;  // a service whose reads fail (fake store only)
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {"none", {}, std::nullopt, "-"},
+      {"older only", {older}, std::nullopt, "older"},
+      {"newer only", {newer}, std::nullopt, "newer"},
+      {"older, then newer", {older, newer}, std::nullopt, "newer"},
+      {"newer, then older", {newer, older}, std::nullopt, "newer"},
+      {"newer under another account", {otherAccount, older}, std::nullopt, "older"},
+      {"first place unreadable", {older, newer}, "AUTHNR.authKeyTag", "!"},
+      {"first place unreadable, newer first", {newer, older}, "AUTHNR.authKeyTag", "!"},
+      {"first place unreadable, empty", {older}, "AUTHNR.authKeyTag", "!"},
+      {"second place unreadable, not needed", {older, newer}, "AUTHNR.encryptKey", "newer"},
+      {"second place unreadable, needed", {older}, "AUTHNR.encryptKey", "!"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    KeychainRig rig(GetParam());
+    ASSERT_TRUE(rig.opened());
+    for (const Stored& item : c.stored) {
+      ASSERT_EQ(rig.keychain->insertGenericPasswordWithAccount(item.account, item.service,
+                                                               std::nullopt, secret(item.value)),
+                StoreStatus::ok);
+    }
+    if (c.unreadable) {
+      if (rig.fake() == nullptr) continue;
+      rig.fake()->failReadsOfService(*c.unreadable);
+    }
+    EXPECT_EQ(shown(rig.keychain->getAesEncryptKey()), c.expected);
   }
 }
 

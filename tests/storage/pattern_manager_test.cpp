@@ -133,6 +133,53 @@ TEST_F(PatternManagerTest, SameAsLastPatternCarriesItsOwnKey) {
   }
 }
 
+// With both stored keys, patterns are sealed and opened under the "AUTHNR.authKeyTag" one,
+// whichever was stored first: the older key alone cannot open them. With only the older key, it
+// seals and no new key is made.
+TEST(PatternManagerKeyTest, PatternsUseTheNewerKeyWhenBothExist) {
+  const SecretBytes older = secret("older key, thirty-two bytes ....");
+  const SecretBytes newer = secret("newer key, thirty-two bytes ....");
+  ASSERT_EQ(older.size(), PatternManager::kKeySize);
+  ASSERT_EQ(newer.size(), PatternManager::kKeySize);
+  const auto store = [](Keychain& keychain, std::string_view service, const SecretBytes& key) {
+    return keychain.insertOrUpdateGenericPasswordWithAccount("0F3D#0002", service, std::nullopt,
+                                                             key) == StoreStatus::ok;
+  };
+  for (bool newerFirst : {false, true}) {
+    SCOPED_TRACE(newerFirst ? "newer stored first" : "older stored first");
+    KeychainRig rig(StoreKind::fake);
+    ASSERT_TRUE(rig.opened());
+    Keychain& keychain = *rig.keychain;
+    PatternManager manager(keychain);
+    for (bool newerNow : {newerFirst, !newerFirst}) {
+      ASSERT_TRUE(newerNow ? store(keychain, "AUTHNR.authKeyTag", newer)
+                           : store(keychain, "AUTHNR.encryptKey", older));
+    }
+    EXPECT_EQ(manager.getPatternLockEncryptKey().value(), newer);
+    ASSERT_TRUE(manager.updatePattern(Pattern{1, 2, 3}, "alice").ok());
+    ASSERT_EQ(
+        keychain.deleteGenericPasswordWithAccount("0F3D#0002", "AUTHNR.encryptKey", std::nullopt),
+        StoreStatus::ok);
+    EXPECT_TRUE(manager.isCorrectPattern(Pattern{1, 2, 3}, "alice").value());
+    ASSERT_TRUE(store(keychain, "AUTHNR.encryptKey", older));
+    ASSERT_EQ(
+        keychain.deleteGenericPasswordWithAccount("0F3D#0002", "AUTHNR.authKeyTag", std::nullopt),
+        StoreStatus::ok);
+    EXPECT_FALSE(manager.isCorrectPattern(Pattern{1, 2, 3}, "alice").value());
+  }
+
+  KeychainRig rig(StoreKind::fake);
+  ASSERT_TRUE(rig.opened());
+  PatternManager manager(*rig.keychain);
+  ASSERT_TRUE(store(*rig.keychain, "AUTHNR.encryptKey", older));
+  ASSERT_TRUE(manager.updatePattern(Pattern{4, 5}, "bob").ok());
+  EXPECT_EQ(shown(rig.keychain->findGenericPasswordWithAccount("0F3D#0002", "AUTHNR.authKeyTag",
+                                                               std::nullopt)),
+            "-");
+  EXPECT_EQ(manager.getPatternLockEncryptKey().value(), older);
+  EXPECT_TRUE(manager.isCorrectPattern(Pattern{4, 5}, "bob").value());
+}
+
 TEST(PatternManagerSqliteTest, NoClearUserNameOrPatternInTheStoreFiles) {
   KeychainRig rig(StoreKind::sqlite);
   ASSERT_TRUE(rig.opened());
