@@ -194,20 +194,4 @@ bool makePrivateDirectory(const fs::path& directory, Error* error) {
   return PrivateDirectory::open(directory, error) != nullptr;
 }
 
-bool makeFilePrivate(const fs::path& file, Error* error) {
-  struct stat st {};
-  if (::lstat(file.c_str(), &st) != 0) {
-    if (errno == ENOENT) return true;
-    return fail(error, "Cannot inspect file " + file.string(), errno);
-  }
-  if (!S_ISREG(st.st_mode)) return fail(error, "Not a regular file: " + file.string(), EINVAL);
-  if (st.st_uid != ::geteuid()) {
-    return fail(error, "File owned by another user: " + file.string(), EPERM);
-  }
-  if ((st.st_mode & 07777) != 0600 && ::chmod(file.c_str(), 0600) != 0) {
-    return fail(error, "Cannot set mode of file " + file.string(), errno);
-  }
-  return true;
-}
-
 }  // namespace corvane

@@ -56,8 +56,4 @@ class PrivateDirectory {
 // Opens `directory` as a PrivateDirectory and closes it again: true when every check passed.
 bool makePrivateDirectory(const std::filesystem::path& directory, Error* error);
 
-// Sets an existing regular file owned by this user to 0600; a missing file is fine. False and the
-// error for anything else (a symbolic link, another owner, a failing chmod).
-bool makeFilePrivate(const std::filesystem::path& file, Error* error);
-
 }  // namespace corvane
