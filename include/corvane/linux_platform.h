@@ -1,10 +1,14 @@
 // The default Platform on Linux: every port backed by a real Linux implementation, with the
 // application's data in one private folder.
 //
-//   <data directory>/                 0700
-//     items.sqlite                    the item store (SQLite, WAL; -wal and -shm beside it), 0600
-//     keystore.key                    the key store's sealing key, 0600, made on first key use
+//   <data directory>/                 0700, opened once and held; its ancestors must be closed to
+//                                     other users (a root-owned sticky folder such as /tmp is fine)
+//     items.sqlite                    the item store (SQLite, WAL; -wal and -shm beside it), 0600,
+//                                     every value sealed under the store key
+//     keystore.key                    the store key, sealing item values and private keys, 0600
 //     defaults.json                   the user defaults, 0600, written on first flush
+//
+// Every file is opened relative to the held folder descriptor without following a link.
 //
 // Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
 // connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
@@ -58,7 +62,8 @@ struct LinuxPlatformOptions {
 
 // Opens or creates every port. Absent, with the error, when the host bundle cannot be opened or
 // has no usable CFBundleIdentifier, the framework bundle cannot be opened, the team identifier is
-// malformed, or the data folder or a store in it cannot be made or opened.
+// malformed, the data folder cannot be made private or sits under a folder that another user can
+// change (the error names that folder), or a store in it cannot be made or opened.
 [[nodiscard]] std::optional<Platform> makePlatform(const LinuxPlatformOptions& options,
                                                    Error* error);
 

@@ -16,6 +16,7 @@
 #include "linux/no_biometry.h"
 #include "linux/openssl_key_store.h"
 #include "linux/sqlite_item_store.h"
+#include "linux/store_key.h"
 #include "linux/user_defaults_file.h"
 
 // The build passes the installed location of resources/ (see install() in CMakeLists.txt).
@@ -158,34 +159,43 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   std::optional<std::filesystem::path> dataDirectory = options.dataDirectory;
   if (!dataDirectory) dataDirectory = defaultDataDirectory(bundleIdentifier, error);
   if (!dataDirectory) return std::nullopt;
-  if (!makePrivateDirectory(*dataDirectory, &inner)) {
+  // The folder is opened once; every store reaches its files through this descriptor.
+  std::shared_ptr<const PrivateDirectory> folder = PrivateDirectory::open(*dataDirectory, &inner);
+  if (!folder) {
     failWith(error, "Cannot make the data folder", inner);
+    return std::nullopt;
+  }
+  // One store key seals the item values and the private keys.
+  std::shared_ptr<const StoreKey> storeKey = StoreKey::load(*folder, kKeyStoreKeyFileName, &inner);
+  if (!storeKey) {
+    failWith(error, "Cannot read the store key", inner);
     return std::nullopt;
   }
 
   SqliteItemStore::Options itemOptions;
   itemOptions.synchronous = options.durableWrites ? SqliteItemStore::Synchronous::full
                                                   : SqliteItemStore::Synchronous::normal;
+  itemOptions.storeKey = storeKey;
   // The key store gets a connection of its own (it signs as background work while the library
   // uses the main one) and no default access group: its sealed keys stay out of the library's
   // label-wide wipes, which name the access group.
   SqliteItemStore::Options keyItemOptions = itemOptions;
   itemOptions.defaultAccessGroup =
       SqliteItemStore::defaultAccessGroupFor(bundleIdentifier, options.teamId);
-  const std::filesystem::path itemFile = *dataDirectory / kItemStoreFileName;
-  std::shared_ptr<SqliteItemStore> items = SqliteItemStore::open(itemFile, itemOptions, &inner);
+  std::shared_ptr<SqliteItemStore> items =
+      SqliteItemStore::open(folder, kItemStoreFileName, itemOptions, &inner);
   if (!items) {
     failWith(error, "Cannot open the item store", inner);
     return std::nullopt;
   }
   std::shared_ptr<SqliteItemStore> keyItems =
-      SqliteItemStore::open(itemFile, keyItemOptions, &inner);
+      SqliteItemStore::open(folder, kItemStoreFileName, keyItemOptions, &inner);
   if (!keyItems) {
     failWith(error, "Cannot open the key store's items", inner);
     return std::nullopt;
   }
   std::shared_ptr<UserDefaultsFile> defaults =
-      UserDefaultsFile::open(*dataDirectory / kUserDefaultsFileName, &inner);
+      UserDefaultsFile::open(folder, kUserDefaultsFileName, &inner);
   if (!defaults) {
     failWith(error, "Cannot open the user defaults", inner);
     return std::nullopt;
@@ -193,8 +203,7 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
 
   Platform platform;
   platform.itemStore = std::move(items);
-  platform.keyStore =
-      std::make_shared<OpenSslKeyStore>(std::move(keyItems), *dataDirectory / kKeyStoreKeyFileName);
+  platform.keyStore = std::make_shared<OpenSslKeyStore>(std::move(keyItems), std::move(storeKey));
   platform.biometry = std::make_shared<NoBiometry>();
   platform.hostBundle = std::move(host);
   platform.frameworkBundle = std::move(framework);

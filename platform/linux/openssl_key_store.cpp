@@ -1,20 +1,15 @@
 #include "linux/openssl_key_store.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <optional>
 #include <string>
 
-#include <fcntl.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "crypto/openssl_handles.h"
+#include "crypto/sealed_box.h"
 #include "foundation/private_paths.h"
 #include "foundation/utils.h"
 
@@ -22,9 +17,6 @@ namespace corvane::linux_platform {
 
 namespace {
 
-constexpr size_t kStoreKeySize = 32;
-constexpr size_t kNonceSize = 12;
-constexpr size_t kGcmTagSize = 16;
 constexpr uint8_t kRecordVersion = 1;
 constexpr uint8_t kHasLabel = 1;
 constexpr uint8_t kHasApplicationLabel = 2;
@@ -37,34 +29,7 @@ constexpr size_t kMaxPrivateKeyDer = 512;
 // Two DER INTEGERs of at most 33 bytes in a SEQUENCE.
 constexpr size_t kMaxSignatureSize = 72;
 
-// A file descriptor closed at scope end.
-class Fd {
- public:
-  explicit Fd(int fd) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  int get() const { return fd_; }
-  bool closeNow() {
-    const int fd = fd_;
-    fd_ = -1;
-    return ::close(fd) == 0;
-  }
-
- private:
-  int fd_;
-};
-
-void appendU32(std::vector<uint8_t>& out, size_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-void appendField(std::vector<uint8_t>& out, std::span<const uint8_t> bytes) {
-  appendU32(out, bytes.size());
-  out.insert(out.end(), bytes.begin(), bytes.end());
-}
+using sealed_box::appendField;
 
 // Clear header of a record: version, presence flags, then each present attribute with its length.
 std::vector<uint8_t> encodeHeader(const KeyAttributes& attributes) {
@@ -119,7 +84,7 @@ std::optional<ParsedRecord> parseRecord(std::span<const uint8_t> record) {
     if (!readField(group)) return std::nullopt;
     parsed.attributes.accessGroup.emplace(group.begin(), group.end());
   }
-  if (record.size() - offset < kNonceSize + kGcmTagSize) return std::nullopt;
+  if (record.size() - offset < sealed_box::kOverhead) return std::nullopt;
   parsed.header = record.first(offset);
   parsed.sealed = record.subspan(offset);
   return parsed;
@@ -130,68 +95,6 @@ std::vector<uint8_t> associatedData(std::string_view tag, std::span<const uint8_
   appendField(aad, asBytes(tag));
   aad.insert(aad.end(), header.begin(), header.end());
   return aad;
-}
-
-bool fitsInt(size_t size) {
-  return size <= 0x7fffffff;
-}
-
-// nonce || ciphertext || tag of `plain` under `key`.
-std::optional<std::vector<uint8_t>> sealBytes(const SecretBytes& key, std::span<const uint8_t> aad,
-                                              const SecretBytes& plain) {
-  if (key.size() != kStoreKeySize || !fitsInt(aad.size()) || !fitsInt(plain.size())) {
-    return std::nullopt;
-  }
-  std::vector<uint8_t> out(kNonceSize + plain.size() + kGcmTagSize);
-  if (RAND_bytes(out.data(), static_cast<int>(kNonceSize)) != 1) return std::nullopt;
-  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-  int length = 0;
-  int finalLength = 0;
-  if (!ctx ||
-      EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
-                         out.data()) != 1 ||
-      EVP_EncryptUpdate(ctx.get(), nullptr, &length, aad.data(), static_cast<int>(aad.size())) !=
-          1 ||
-      EVP_EncryptUpdate(ctx.get(), out.data() + kNonceSize, &length, plain.exposeSecret().data(),
-                        static_cast<int>(plain.size())) != 1 ||
-      EVP_EncryptFinal_ex(ctx.get(), out.data() + kNonceSize + length, &finalLength) != 1 ||
-      static_cast<size_t>(length + finalLength) != plain.size() ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kGcmTagSize),
-                          out.data() + kNonceSize + plain.size()) != 1) {
-    return std::nullopt;
-  }
-  return out;
-}
-
-std::optional<SecretBytes> openBytes(const SecretBytes& key, std::span<const uint8_t> aad,
-                                     std::span<const uint8_t> sealed) {
-  if (key.size() != kStoreKeySize || sealed.size() < kNonceSize + kGcmTagSize ||
-      !fitsInt(aad.size()) || !fitsInt(sealed.size())) {
-    return std::nullopt;
-  }
-  const size_t cipherSize = sealed.size() - kNonceSize - kGcmTagSize;
-  if (cipherSize > kMaxPrivateKeyDer) return std::nullopt;
-  // The tag is handed to OpenSSL through a non-const pointer; copy it out of the record.
-  uint8_t tag[kGcmTagSize];
-  std::memcpy(tag, sealed.data() + kNonceSize + cipherSize, kGcmTagSize);
-  SecretBytes plain(cipherSize);
-  CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-  int length = 0;
-  int finalLength = 0;
-  if (!ctx ||
-      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
-                         sealed.data()) != 1 ||
-      EVP_DecryptUpdate(ctx.get(), nullptr, &length, aad.data(), static_cast<int>(aad.size())) !=
-          1 ||
-      EVP_DecryptUpdate(ctx.get(), plain.mutableSecret().data(), &length,
-                        sealed.data() + kNonceSize, static_cast<int>(cipherSize)) != 1 ||
-      EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kGcmTagSize), tag) !=
-          1 ||
-      EVP_DecryptFinal_ex(ctx.get(), plain.mutableSecret().data() + length, &finalLength) != 1 ||
-      static_cast<size_t>(length + finalLength) != cipherSize) {
-    return std::nullopt;
-  }
-  return plain;
 }
 
 // The SEC1 DER of a private key, copied into wiped storage.
@@ -206,7 +109,7 @@ std::optional<SecretBytes> privateKeyDer(EVP_PKEY* key) {
 
 // A P-256 private key from its SEC1 DER; null for anything else.
 PkeyPtr privateKeyFromDer(const SecretBytes& der) {
-  if (der.empty() || !fitsInt(der.size())) return nullptr;
+  if (der.empty() || der.size() > kMaxPrivateKeyDer) return nullptr;
   const unsigned char* cursor = der.exposeSecret().data();
   PkeyPtr key(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &cursor, static_cast<long>(der.size())));
   if (!key || cursor != der.exposeSecret().data() + der.size()) return nullptr;
@@ -239,68 +142,6 @@ ItemAttributes itemFor(std::string_view tag) {
   item.service = std::string(OpenSslKeyStore::kService);
   item.label = toBytes(OpenSslKeyStore::kItemLabel);
   return item;
-}
-
-bool readExactly(int fd, uint8_t* out, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::read(fd, out, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    out += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool writeAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-enum class KeyFileRead { ok, missing, bad };
-
-// Reads the store key, refusing anything but a regular file of this user, closed to group and
-// others, of exactly 32 bytes. A bad file is reported, never replaced: the keys sealed under it
-// would be lost.
-KeyFileRead readKeyFile(const std::filesystem::path& file, SecretBytes& key) {
-  Fd fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  if (fd.get() < 0) return errno == ENOENT ? KeyFileRead::missing : KeyFileRead::bad;
-  struct stat st {};
-  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != ::geteuid() ||
-      (st.st_mode & 077) != 0 || st.st_size != static_cast<off_t>(kStoreKeySize)) {
-    return KeyFileRead::bad;
-  }
-  SecretBytes bytes(kStoreKeySize);
-  if (!readExactly(fd.get(), bytes.mutableSecret().data(), kStoreKeySize)) return KeyFileRead::bad;
-  key = std::move(bytes);
-  return KeyFileRead::ok;
-}
-
-// Writes a fresh key to a private temporary file and links it into place. link() fails when the
-// name exists, so of two processes starting at once exactly one key wins and both use it; the key
-// file is never seen half-written.
-bool createKeyFile(const std::filesystem::path& file) {
-  std::string temp = file.string() + ".XXXXXX";
-  Fd fd(::mkostemp(temp.data(), O_CLOEXEC));
-  if (fd.get() < 0) return false;
-  SecretBytes key(kStoreKeySize);
-  const bool written =
-      ::fchmod(fd.get(), 0600) == 0 &&
-      RAND_bytes(key.mutableSecret().data(), static_cast<int>(kStoreKeySize)) == 1 &&
-      writeAll(fd.get(), key.exposeSecret().data(), kStoreKeySize) && ::fsync(fd.get()) == 0 &&
-      fd.closeNow();
-  const bool linked = written && (::link(temp.c_str(), file.c_str()) == 0 || errno == EEXIST);
-  ::unlink(temp.c_str());
-  if (!linked) return false;
-  Fd folder(::open(file.parent_path().empty() ? "." : file.parent_path().c_str(),
-                   O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder.get() >= 0 && ::fsync(folder.get()) == 0;
 }
 
 }  // namespace
@@ -346,6 +187,12 @@ struct OpenSslKeyStore::KeptKeys {
 OpenSslKeyStore::OpenSslKeyStore(std::shared_ptr<ItemStore> items, std::filesystem::path keyFile)
     : items_(std::move(items)), keyFile_(std::move(keyFile)), kept_(std::make_unique<KeptKeys>()) {}
 
+OpenSslKeyStore::OpenSslKeyStore(std::shared_ptr<ItemStore> items,
+                                 std::shared_ptr<const StoreKey> storeKey)
+    : items_(std::move(items)),
+      storeKey_(std::move(storeKey)),
+      kept_(std::make_unique<KeptKeys>()) {}
+
 OpenSslKeyStore::~OpenSslKeyStore() = default;
 
 size_t OpenSslKeyStore::keptKeyCount() const {
@@ -353,17 +200,12 @@ size_t OpenSslKeyStore::keptKeyCount() const {
 }
 
 bool OpenSslKeyStore::loadStoreKey() {
-  if (storeKey_.size() == kStoreKeySize) return true;
-  if (!makePrivateDirectory(keyFile_.parent_path().empty() ? "." : keyFile_.parent_path(),
-                            nullptr)) {
-    return false;
-  }
-  KeyFileRead read = readKeyFile(keyFile_, storeKey_);
-  if (read == KeyFileRead::missing) {
-    if (!createKeyFile(keyFile_)) return false;
-    read = readKeyFile(keyFile_, storeKey_);
-  }
-  return read == KeyFileRead::ok;
+  if (storeKey_) return true;
+  if (keyFile_.empty()) return false;
+  const std::unique_ptr<PrivateDirectory> folder = PrivateDirectory::open(
+      keyFile_.parent_path().empty() ? "." : keyFile_.parent_path(), nullptr);
+  if (folder) storeKey_ = StoreKey::load(*folder, keyFile_.filename().string(), nullptr);
+  return storeKey_ != nullptr;
 }
 
 StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes& attributes,
@@ -377,8 +219,8 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
   if (!spki || !der) return StoreStatus::storeError;
 
   const std::vector<uint8_t> header = encodeHeader(attributes);
-  std::optional<std::vector<uint8_t>> sealed =
-      sealBytes(storeKey_, associatedData(tag, header), *der);
+  std::optional<Bytes> sealed =
+      sealed_box::seal(storeKey_->bytes(), associatedData(tag, header), der->exposeSecret());
   if (!sealed) return StoreStatus::storeError;
   SecretBytes record(header);
   record.append(*sealed);
@@ -407,8 +249,8 @@ StoreStatus OpenSslKeyStore::sign(std::string_view tag, std::span<const uint8_t>
     if (!loadStoreKey()) return StoreStatus::storeError;
     std::optional<ParsedRecord> parsed = parseRecord(record.exposeSecret());
     if (!parsed) return StoreStatus::storeError;
-    std::optional<SecretBytes> der =
-        openBytes(storeKey_, associatedData(tag, parsed->header), parsed->sealed);
+    std::optional<SecretBytes> der = sealed_box::open(
+        storeKey_->bytes(), associatedData(tag, parsed->header), parsed->sealed, kMaxPrivateKeyDer);
     if (!der) return StoreStatus::storeError;
     PkeyPtr key = privateKeyFromDer(*der);
     der->clear();

@@ -7,8 +7,9 @@
 // edited attributes no longer opens. The items carry the label "corvane.keystore" and no access
 // group, so no label-wide wipe of the library's generic-password items reaches them.
 //
-// The store key is 32 random bytes in a file (0600, in a 0700 folder), created on first use and
-// kept in memory (wiped on destruction) afterwards. docs/storage.md says what protects it.
+// The store key (linux/store_key.h) is the one that also seals the item store's values: 32 random
+// bytes in a file (0600, in a 0700 folder), kept in memory (wiped on destruction) once read.
+// docs/storage.md says what protects it.
 //
 // Decoding a private key is several times dearer than signing with it in OpenSSL 3, so the store
 // keeps the decoded keys of the last few tags it generated or signed with, each beside the exact
@@ -30,6 +31,7 @@
 #include "corvane/ports/item_store.h"
 #include "corvane/ports/key_store.h"
 #include "corvane/secret_bytes.h"
+#include "linux/store_key.h"
 
 namespace corvane::linux_platform {
 
@@ -37,11 +39,13 @@ class OpenSslKeyStore final : public KeyStore {
  public:
   static constexpr std::string_view kService = "corvane.keystore";
   static constexpr std::string_view kItemLabel = "corvane.keystore";
-  static constexpr std::string_view kKeyFileName = "keystore.key";
+  static constexpr std::string_view kKeyFileName = StoreKey::kFileName;
 
   // `items` keeps the sealed keys; `keyFile` is the store key's file (usually
   // "<data directory>/keystore.key"). Nothing is read or created before the first call.
   OpenSslKeyStore(std::shared_ptr<ItemStore> items, std::filesystem::path keyFile);
+  // `storeKey` is the store key already loaded (shared with the item store that holds the keys).
+  OpenSslKeyStore(std::shared_ptr<ItemStore> items, std::shared_ptr<const StoreKey> storeKey);
   ~OpenSslKeyStore() override;
   OpenSslKeyStore(const OpenSslKeyStore&) = delete;
   OpenSslKeyStore& operator=(const OpenSslKeyStore&) = delete;
@@ -64,7 +68,7 @@ class OpenSslKeyStore final : public KeyStore {
 
   std::shared_ptr<ItemStore> items_;
   std::filesystem::path keyFile_;
-  SecretBytes storeKey_;
+  std::shared_ptr<const StoreKey> storeKey_;
   std::unique_ptr<KeptKeys> kept_;
 };
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <string_view>
 
@@ -12,13 +13,62 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "crypto/sealed_box.h"
 #include "foundation/private_paths.h"
+#include "foundation/utils.h"
 
 namespace corvane::linux_platform {
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
+// Version 1 kept values in clear; version 2 seals every value. A version 1 file is refused.
+constexpr int kSchemaVersion = 2;
+
+// The first bytes of every value's associated data, so that a sealed value cannot pass for any
+// other message sealed under the store key.
+constexpr std::string_view kAadContext = "corvane.item.v1";
+
+// A value's associated data: its item's account, service and access group, each with a presence
+// byte and a length, so that a value moved to another item fails to open.
+Bytes valueAssociatedData(const std::optional<std::string>& account,
+                          const std::optional<std::string>& service,
+                          const std::optional<std::string>& accessGroup) {
+  Bytes aad(kAadContext.begin(), kAadContext.end());
+  for (const std::optional<std::string>* field : {&account, &service, &accessGroup}) {
+    sealed_box::appendOptionalField(
+        aad, *field ? std::optional<ByteView>(asBytes(**field)) : std::nullopt);
+  }
+  return aad;
+}
+
+// SQLite resolves symbolic links in a database name before it opens the file, and would turn
+// "/proc/self/fd/N/items.sqlite" back into the folder's name, which someone may have moved since.
+// This VFS is the default one with the name taken as given, so the file, its -wal and its -shm are
+// opened through the held folder descriptor.
+constexpr const char* kVfsName = "corvane-held-folder";
+
+int fullPathnameAsGiven(sqlite3_vfs*, const char* name, int size, char* out) {
+  const size_t length = std::strlen(name);
+  if (size <= 0 || length >= static_cast<size_t>(size) || name[0] != '/') return SQLITE_CANTOPEN;
+  std::memcpy(out, name, length + 1);
+  return SQLITE_OK;
+}
+
+bool registerVfs() {
+  static std::once_flag once;
+  static sqlite3_vfs vfs{};
+  static bool registered = false;
+  std::call_once(once, [] {
+    sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
+    if (base == nullptr) return;
+    vfs = *base;
+    vfs.zName = kVfsName;
+    vfs.pNext = nullptr;
+    vfs.xFullPathname = fullPathnameAsGiven;
+    registered = sqlite3_vfs_register(&vfs, 0) == SQLITE_OK;
+  });
+  return registered;
+}
 
 // Absent attributes are stored as NULL. SQLite treats NULLs as distinct in a UNIQUE index, so the
 // identity index keys each attribute by the pair (is absent, value or ''), which keeps an absent
@@ -86,7 +136,8 @@ std::string statementText(SqliteItemStore::Operation operation, unsigned shape) 
   const std::string where = whereClause(shape);
   switch (operation) {
     case SqliteItemStore::Operation::findFirst:
-      return "SELECT value FROM items" + where + " ORDER BY seq LIMIT 1";
+      return "SELECT value, account, service, access_group FROM items" + where +
+             " ORDER BY seq LIMIT 1";
     case SqliteItemStore::Operation::listServices:
       return "SELECT service FROM items" + where + (where.empty() ? " WHERE " : " AND ") +
              "service IS NOT NULL ORDER BY created DESC, seq DESC";
@@ -94,7 +145,8 @@ std::string statementText(SqliteItemStore::Operation operation, unsigned shape) 
       return "SELECT account FROM items" + where + (where.empty() ? " WHERE " : " AND ") +
              "account IS NOT NULL ORDER BY created DESC, seq DESC";
     case SqliteItemStore::Operation::update:
-      return "UPDATE items SET value = ?6" + where;
+      // The rows to update: each value is sealed for its own row.
+      return "SELECT seq, account, service, access_group FROM items" + where;
     case SqliteItemStore::Operation::remove:
       return "DELETE FROM items" + where;
     case SqliteItemStore::Operation::findAttributes:
@@ -187,8 +239,12 @@ std::optional<std::string> optionalColumnText(sqlite3_stmt* statement, int colum
 struct SqliteItemStore::Impl {
   std::filesystem::path path;
   Options options;
+  // Held for the connection's whole life: SQLite reaches its files through this descriptor.
+  std::shared_ptr<const PrivateDirectory> folder;
+  std::shared_ptr<const StoreKey> storeKey;
   DatabasePtr db;
   StatementPtr insert;
+  StatementPtr updateRow;
   StatementPtr begin;
   StatementPtr commit;
   StatementPtr rollback;
@@ -235,35 +291,76 @@ struct SqliteItemStore::Impl {
     return status;
   }
 
+  std::optional<Bytes> seal(const SecretBytes& value, const std::optional<std::string>& account,
+                            const std::optional<std::string>& service,
+                            const std::optional<std::string>& accessGroup) const {
+    return sealed_box::seal(storeKey->bytes(), valueAssociatedData(account, service, accessGroup),
+                            value.exposeSecret());
+  }
+
   StoreStatus insertItem(const ItemAttributes& item, const SecretBytes& value) {
     sqlite3_stmt* statement = insert.get();
     if (statement == nullptr) return StoreStatus::storeError;
+    const std::optional<std::string>& group =
+        item.accessGroup ? item.accessGroup : options.defaultAccessGroup;
+    const std::optional<Bytes> sealed = seal(value, item.account, item.service, group);
+    if (!sealed) return StoreStatus::storeError;
     StatementUse use(statement);
     const bool bound = bindText(statement, kAccount, item.account) &&
                        bindText(statement, kService, item.service) &&
                        bindText(statement, kGeneric, item.generic) &&
                        (item.label ? bindBlob(statement, kLabel, *item.label)
                                    : sqlite3_bind_null(statement, kLabel) == SQLITE_OK) &&
-                       bindText(statement, kAccessGroup,
-                                item.accessGroup ? item.accessGroup : options.defaultAccessGroup) &&
-                       bindBlob(statement, kValue, value.exposeSecret()) &&
+                       bindText(statement, kAccessGroup, group) &&
+                       bindBlob(statement, kValue, *sealed) &&
                        bindText(statement, kAccessible, item.accessibility) &&
                        sqlite3_bind_int64(statement, kCreated, now()) == SQLITE_OK;
     if (!bound) return StoreStatus::storeError;
     return step(statement);
   }
 
+  // Replaces the value of every match, sealed for each row's own account, service and access
+  // group. Runs inside the caller's transaction.
   StoreStatus updateItems(const ItemQuery& query, const SecretBytes& value) {
-    sqlite3_stmt* statement = statementFor(Operation::update, shapeOf(query));
-    if (statement == nullptr) return StoreStatus::storeError;
-    StatementUse use(statement);
-    if (!bindQuery(statement, query) || !bindBlob(statement, kValue, value.exposeSecret())) {
-      return StoreStatus::storeError;
+    struct Row {
+      int64_t seq;
+      std::optional<std::string> account, service, accessGroup;
+    };
+    std::vector<Row> rows;
+    {
+      sqlite3_stmt* statement = statementFor(Operation::update, shapeOf(query));
+      if (statement == nullptr) return StoreStatus::storeError;
+      StatementUse use(statement);
+      if (!bindQuery(statement, query)) return StoreStatus::storeError;
+      int rc;
+      while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+        rows.push_back({sqlite3_column_int64(statement, 0), optionalColumnText(statement, 1),
+                        optionalColumnText(statement, 2), optionalColumnText(statement, 3)});
+      }
+      if (rc != SQLITE_DONE) return StoreStatus::storeError;
     }
-    const StoreStatus status = step(statement);
-    if (status != StoreStatus::ok)
-      return status == StoreStatus::duplicate ? StoreStatus::storeError : status;
-    return sqlite3_changes(db.get()) > 0 ? StoreStatus::ok : StoreStatus::notFound;
+    if (rows.empty()) return StoreStatus::notFound;
+    sqlite3_stmt* statement = updateRow.get();
+    if (statement == nullptr) return StoreStatus::storeError;
+    for (const Row& row : rows) {
+      const std::optional<Bytes> sealed = seal(value, row.account, row.service, row.accessGroup);
+      if (!sealed) return StoreStatus::storeError;
+      StatementUse use(statement);
+      if (!bindBlob(statement, 1, *sealed) ||
+          sqlite3_bind_int64(statement, 2, row.seq) != SQLITE_OK ||
+          step(statement) != StoreStatus::ok) {
+        return StoreStatus::storeError;
+      }
+    }
+    return StoreStatus::ok;
+  }
+
+  // Moves every committed page into the database file and empties the -wal file, so that no page
+  // image of deleted rows stays there. Best effort: another connection reading at that moment
+  // keeps the log until a later checkpoint.
+  void truncateLog() {
+    static_cast<void>(
+        sqlite3_wal_checkpoint_v2(db.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr));
   }
 
   StoreStatus listColumn(Operation operation, const ItemQuery& query,
@@ -291,20 +388,17 @@ bool failOpen(Error* error, const std::string& what) {
 
 // Creates the database file 0600 before SQLite sees it. SQLite gives its -wal and -shm files the
 // mode of the database file and sets it explicitly, so they are 0600 too, whatever the umask.
-bool preparePrivateFile(const std::filesystem::path& file, Error* error) {
-  Error inner;
-  if (!makePrivateDirectory(file.parent_path().empty() ? "." : file.parent_path(), &inner)) {
-    return failOpen(error, inner.localizedDescription());
-  }
-  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+bool preparePrivateFile(const PrivateDirectory& folder, const std::string& name, Error* error) {
+  const int fd = folder.openFile(name, O_RDWR | O_CREAT, 0600);
   if (fd < 0) return failOpen(error, std::strerror(errno));
   struct stat st {};
   bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid();
   if (ok && (st.st_mode & 07777) != 0600) ok = ::fchmod(fd, 0600) == 0;
   ::close(fd);
   if (!ok) return failOpen(error, "the store file is not a private regular file of this user");
+  Error inner;
   for (const char* suffix : {"-wal", "-shm", "-journal"}) {
-    if (!makeFilePrivate(file.string() + suffix, &inner)) {
+    if (!folder.makeFilePrivate(name + suffix, &inner)) {
       return failOpen(error, inner.localizedDescription());
     }
   }
@@ -315,15 +409,48 @@ bool preparePrivateFile(const std::filesystem::path& file, Error* error) {
 
 std::unique_ptr<SqliteItemStore> SqliteItemStore::open(const std::filesystem::path& file,
                                                        const Options& options, Error* error) {
-  if (!preparePrivateFile(file, error)) return nullptr;
+  Error inner;
+  std::shared_ptr<const PrivateDirectory> folder =
+      PrivateDirectory::open(file.parent_path().empty() ? "." : file.parent_path(), &inner);
+  if (!folder) {
+    failOpen(error, inner.localizedDescription());
+    return nullptr;
+  }
+  return open(std::move(folder), file.filename().string(), options, error);
+}
+
+std::unique_ptr<SqliteItemStore> SqliteItemStore::open(
+    std::shared_ptr<const PrivateDirectory> folder, std::string_view name, const Options& options,
+    Error* error) {
+  if (!folder) {
+    failOpen(error, "no folder");
+    return nullptr;
+  }
+  const std::string fileName(name);
+  if (!preparePrivateFile(*folder, fileName, error)) return nullptr;
   auto impl = std::make_unique<Impl>();
-  impl->path = file;
+  impl->path = folder->path() / fileName;
   impl->options = options;
+  impl->storeKey = options.storeKey;
+  if (!impl->storeKey) {
+    Error inner;
+    impl->storeKey = StoreKey::load(*folder, StoreKey::kFileName, &inner);
+    if (!impl->storeKey) {
+      failOpen(error, inner.localizedDescription());
+      return nullptr;
+    }
+  }
+  if (!registerVfs()) {
+    failOpen(error, "cannot register the SQLite file layer");
+    return nullptr;
+  }
+  impl->folder = std::move(folder);
 
   sqlite3* raw = nullptr;
+  const std::string throughFolder = impl->folder->pathThroughDescriptor(fileName);
   const int rc =
-      sqlite3_open_v2(file.c_str(), &raw,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);
+      sqlite3_open_v2(throughFolder.c_str(), &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, kVfsName);
   impl->db.reset(raw);
   auto sqliteFailure = [&](const char* step) {
     const char* message = impl->db ? sqlite3_errmsg(impl->db.get()) : sqlite3_errstr(rc);
@@ -361,10 +488,19 @@ std::unique_ptr<SqliteItemStore> SqliteItemStore::open(const std::filesystem::pa
   if (version == 0) {
     schemaOk = true;
     for (const char* sql : kSchema) schemaOk = schemaOk && impl->exec(sql) == SQLITE_OK;
-    schemaOk = schemaOk && impl->exec("PRAGMA user_version=1") == SQLITE_OK;
+    schemaOk =
+        schemaOk &&
+        impl->exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()) == SQLITE_OK;
   }
   if (!schemaOk) {
     impl->exec("ROLLBACK");
+    if (version == 1) {
+      // Written before values were sealed: its values lie in clear and would not open.
+      failOpen(error,
+               "the store was written by a version that kept values in clear; move it "
+               "away to start with an empty store");
+      return nullptr;
+    }
     if (version > 0) {
       failOpen(error, "unsupported store version " + std::to_string(version));
       return nullptr;
@@ -376,10 +512,11 @@ std::unique_ptr<SqliteItemStore> SqliteItemStore::open(const std::filesystem::pa
   impl->insert = impl->prepare(
       "INSERT INTO items(account, service, generic, label, access_group, value, accessible, "
       "created) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)");
+  impl->updateRow = impl->prepare("UPDATE items SET value = ?1 WHERE seq = ?2");
   impl->begin = impl->prepare("BEGIN IMMEDIATE");
   impl->commit = impl->prepare("COMMIT");
   impl->rollback = impl->prepare("ROLLBACK");
-  if (!impl->insert || !impl->begin || !impl->commit || !impl->rollback) {
+  if (!impl->insert || !impl->updateRow || !impl->begin || !impl->commit || !impl->rollback) {
     return sqliteFailure("prepare");
   }
   return std::unique_ptr<SqliteItemStore>(new SqliteItemStore(std::move(impl)));
@@ -411,14 +548,20 @@ StoreStatus SqliteItemStore::findFirst(const ItemQuery& query, SecretBytes* valu
   const int rc = sqlite3_step(statement);
   if (rc == SQLITE_DONE) return StoreStatus::notFound;
   if (rc != SQLITE_ROW) return StoreStatus::storeError;
-  if (value != nullptr) {
-    const void* blob = sqlite3_column_blob(statement, 0);
-    const int size = sqlite3_column_bytes(statement, 0);
-    *value =
-        blob == nullptr || size <= 0
-            ? SecretBytes()
-            : SecretBytes(std::span(static_cast<const uint8_t*>(blob), static_cast<size_t>(size)));
-  }
+  // The value opens only under its own row's account, service and access group: a value copied
+  // or moved into another row is a damaged store, never that row's value.
+  const void* blob = sqlite3_column_blob(statement, 0);
+  const int size = sqlite3_column_bytes(statement, 0);
+  const ByteView sealed = blob == nullptr || size <= 0 ? ByteView()
+                                                       : ByteView(static_cast<const uint8_t*>(blob),
+                                                                  static_cast<size_t>(size));
+  std::optional<SecretBytes> opened = sealed_box::open(
+      impl_->storeKey->bytes(),
+      valueAssociatedData(optionalColumnText(statement, 1), optionalColumnText(statement, 2),
+                          optionalColumnText(statement, 3)),
+      sealed);
+  if (!opened) return StoreStatus::storeError;
+  if (value != nullptr) *value = std::move(*opened);
   return StoreStatus::ok;
 }
 
@@ -460,17 +603,23 @@ StoreStatus SqliteItemStore::listAccounts(const ItemQuery& query,
 }
 
 StoreStatus SqliteItemStore::update(const ItemQuery& query, const SecretBytes& value) {
-  return impl_->updateItems(query, value);
+  if (!impl_->beginWrite()) return StoreStatus::storeError;
+  return impl_->finishWrite(impl_->updateItems(query, value));
 }
 
 StoreStatus SqliteItemStore::remove(const ItemQuery& query) {
   sqlite3_stmt* statement = impl_->statementFor(Operation::remove, shapeOf(query));
   if (statement == nullptr) return StoreStatus::storeError;
-  StatementUse use(statement);
-  if (!bindQuery(statement, query)) return StoreStatus::storeError;
-  const StoreStatus status = impl_->step(statement);
-  if (status != StoreStatus::ok) return StoreStatus::storeError;
-  return sqlite3_changes(impl_->db.get()) > 0 ? StoreStatus::ok : StoreStatus::notFound;
+  {
+    StatementUse use(statement);
+    if (!bindQuery(statement, query)) return StoreStatus::storeError;
+    if (impl_->step(statement) != StoreStatus::ok) return StoreStatus::storeError;
+  }
+  if (sqlite3_changes(impl_->db.get()) == 0) return StoreStatus::notFound;
+  // secure_delete has zeroed the freed content in the pages; the checkpoint carries those pages
+  // into the database file and empties the -wal file, which still held the old page images.
+  impl_->truncateLog();
+  return StoreStatus::ok;
 }
 
 StoreStatus SqliteItemStore::addAll(std::span<const std::pair<ItemAttributes, SecretBytes>> items) {

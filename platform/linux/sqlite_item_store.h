@@ -2,7 +2,13 @@
 //
 // Every call is one transaction. Statements are prepared once and take every value as a bound
 // parameter. The file (and SQLite's -wal and -shm files next to it) is 0600 and its folder 0700,
-// whatever the umask. Deleted content is overwritten in the database file (secure_delete).
+// whatever the umask, and all three are opened through the held folder's descriptor.
+//
+// Values are sealed at rest (AES-256-GCM under the store key, a fresh random nonce per write) with
+// the item's account, service and access group as associated data: a copy of the file reveals no
+// value, and a value moved to another row fails to open (storeError, never the wrong value).
+// Deleted content is overwritten in the database file (secure_delete) and every delete that
+// removed something ends with a checkpoint that empties the -wal file.
 //
 // Durability: with Synchronous::full (the default) a call that returned ok has reached the disk,
 // so the item survives the process being killed and a power loss; Synchronous::normal survives the
@@ -26,6 +32,8 @@
 
 #include "corvane/error.h"
 #include "corvane/ports/item_store.h"
+#include "foundation/private_paths.h"
+#include "linux/store_key.h"
 
 namespace corvane::linux_platform {
 
@@ -41,6 +49,9 @@ class SqliteItemStore final : public ItemStore {
     // The access group given to an item added without one (the port's default access group);
     // none when absent. Usually defaultAccessGroupFor(bundle identifier).
     std::optional<std::string> defaultAccessGroup;
+    // The key that seals every value; when null, open() reads (or creates) StoreKey::kFileName in
+    // the store's folder.
+    std::shared_ptr<const StoreKey> storeKey;
   };
 
   // The team identifier that stands in for the platform-assigned application prefix when the
@@ -60,6 +71,11 @@ class SqliteItemStore final : public ItemStore {
   static std::unique_ptr<SqliteItemStore> open(const std::filesystem::path& file, Error* error) {
     return open(file, Options{}, error);
   }
+  // Opens the store file `name` beneath the held `folder`: the file and SQLite's -wal and -shm
+  // files are reached through the folder's descriptor, never by the folder's name.
+  static std::unique_ptr<SqliteItemStore> open(std::shared_ptr<const PrivateDirectory> folder,
+                                               std::string_view name, const Options& options,
+                                               Error* error);
   ~SqliteItemStore() override;
   SqliteItemStore(const SqliteItemStore&) = delete;
   SqliteItemStore& operator=(const SqliteItemStore&) = delete;

@@ -14,6 +14,7 @@
 
 #include "corvane/status_codes.h"
 #include "foundation/private_paths.h"
+#include "foundation/utils.h"
 
 namespace corvane::linux_platform {
 
@@ -38,9 +39,15 @@ Error damaged(const fs::path& path, std::string_view why) {
 
 enum class ReadResult { Missing, Read, Unreadable };
 
-ReadResult readSmallFile(const fs::path& path, std::string& out) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+ReadResult readSmallFile(const PrivateDirectory& folder, const std::string& name,
+                         std::string& out) {
+  int fd = folder.openFile(name, O_RDONLY | O_NONBLOCK);
   if (fd < 0) return errno == ENOENT ? ReadResult::Missing : ReadResult::Unreadable;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return ReadResult::Unreadable;
+  }
   char buffer[8192];
   for (;;) {
     ssize_t n = ::read(fd, buffer, sizeof buffer);
@@ -69,6 +76,8 @@ bool writeAll(int fd, std::string_view data) {
 }  // namespace
 
 struct UserDefaultsFile::State {
+  std::shared_ptr<const PrivateDirectory> folder;
+  std::string name;
   mutable std::mutex mutex;
   Json values = Json::object();
   bool dirty = false;
@@ -90,11 +99,25 @@ std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(const fs::path& path, E
                                    "user defaults path has no file name: " + path.string()));
     return nullptr;
   }
-  if (path.has_parent_path() && !makePrivateDirectory(path.parent_path(), error)) return nullptr;
+  std::shared_ptr<const PrivateDirectory> folder =
+      PrivateDirectory::open(path.has_parent_path() ? path.parent_path() : fs::path("."), error);
+  if (!folder) return nullptr;
+  return open(std::move(folder), path.filename().string(), error);
+}
 
+std::unique_ptr<UserDefaultsFile> UserDefaultsFile::open(
+    std::shared_ptr<const PrivateDirectory> folder, std::string_view name, Error* error) {
+  if (!folder || name.empty() || name.find('/') != std::string_view::npos) {
+    setError(error, Error::corvane(code(CorvaneStatusCode::UNKNOWN),
+                                   "user defaults need a folder and a file name"));
+    return nullptr;
+  }
+  const fs::path path = folder->path() / std::string(name);
   auto state = std::make_unique<State>();
+  state->folder = std::move(folder);
+  state->name = std::string(name);
   std::string text;
-  switch (readSmallFile(path, text)) {
+  switch (readSmallFile(*state->folder, state->name, text)) {
     case ReadResult::Missing:
       break;
     case ReadResult::Unreadable:
@@ -177,17 +200,17 @@ bool UserDefaultsFile::writeLocked(Error* error) {
     return false;
   }
 
-  fs::path folder = path_.has_parent_path() ? path_.parent_path() : fs::path(".");
-  std::string tempName = (folder / ("." + path_.filename().string() + ".tmp-XXXXXX")).string();
-  std::vector<char> temp(tempName.begin(), tempName.end());
-  temp.push_back('\0');
-  int fd = ::mkostemp(temp.data(), O_CLOEXEC);
+  const PrivateDirectory& folder = *state_->folder;
+  std::optional<Bytes> suffix = Utils::randomBytesWithLength(8);
+  const std::string temp =
+      "." + state_->name + ".tmp-" + (suffix ? hexadecimalString(*suffix) : std::string());
+  int fd = suffix ? folder.openFile(temp, O_WRONLY | O_CREAT | O_EXCL, 0600) : -1;
   if (fd < 0) {
-    setError(error, ioError("cannot create temporary file in", folder, errno));
+    setError(error, ioError("cannot create temporary file in", folder.path(), errno));
     return false;
   }
   auto fail = [&](const char* what, int err) {
-    ::unlink(temp.data());
+    ::unlinkat(folder.fd(), temp.c_str(), 0);
     setError(error, ioError(what, path_, err));
     return false;
   };
@@ -197,14 +220,12 @@ bool UserDefaultsFile::writeLocked(Error* error) {
     return fail("cannot write", err);
   }
   if (::close(fd) != 0) return fail("cannot write", errno);
-  if (::rename(temp.data(), path_.c_str()) != 0) return fail("cannot replace", errno);
+  if (::renameat(folder.fd(), temp.c_str(), folder.fd(), state_->name.c_str()) != 0) {
+    return fail("cannot replace", errno);
+  }
 
   // Make the rename itself durable.
-  int dirFd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirFd >= 0) {
-    ::fsync(dirFd);
-    ::close(dirFd);
-  }
+  ::fsync(folder.fd());
   state_->dirty = false;
   state_->loadError.reset();
   return true;

@@ -19,6 +19,7 @@
 
 #include "corvane/error.h"
 #include "corvane/platform.h"
+#include "foundation/private_paths.h"
 
 namespace corvane::linux_platform {
 
@@ -27,6 +28,10 @@ class UserDefaultsFile final : public UserDefaults {
   // Opens (without creating) the file at `path`, creating its missing folders with mode 0700.
   // Null and the error when a folder cannot be created.
   static std::unique_ptr<UserDefaultsFile> open(const std::filesystem::path& path, Error* error);
+  // Opens (without creating) the file `name` beneath the held `folder`; the file is only ever
+  // reached through the folder's descriptor, without following a symbolic link.
+  static std::unique_ptr<UserDefaultsFile> open(std::shared_ptr<const PrivateDirectory> folder,
+                                                std::string_view name, Error* error);
   ~UserDefaultsFile() override;
 
   UserDefaultsFile(const UserDefaultsFile&) = delete;
