@@ -104,6 +104,58 @@ TEST(FacetTrustTest, FacetIdIsThePrefixAndTheBundleIdentifier) {
   EXPECT_EQ(FacetTrust(configuration, http).facetID(), "ios:bundle-id:com.Example.App-2");
 }
 
+// The redirect rule alone: the header's value is read as a loose boolean; the target must be
+// https outside development mode.
+TEST(FacetTrustTest, RedirectRule) {
+  struct Row {
+    int status;
+    std::optional<std::string> header;
+    const char* target;
+    bool devMode;
+    bool follow;
+  };
+  const Row rows[] = {
+      {302, "true", "https://b.example/x", false, true},
+      {301, "YES", "https://b.example/x", false, true},
+      {307, " 1", "https://b.example/x", false, true},
+      {302, "false", "https://b.example/x", false, false},
+      {302, "0", "https://b.example/x", false, false},
+      {302, "", "https://b.example/x", false, false},
+      {302, std::nullopt, "https://b.example/x", true, false},
+      {302, "true", "http://b.example/x", false, false},
+      {302, "true", "http://b.example/x", true, true},
+      {200, "true", "https://b.example/x", false, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(::testing::Message() << row.status << " " << row.header.value_or("-") << " "
+                                      << row.target << " " << row.devMode);
+    HttpClient::Response response;
+    response.status = row.status;
+    response.redirectUrl = row.target;
+    // Header names are matched without regard to case.
+    if (row.header) response.headers.emplace_back("fido-appid-redirect-authorized", *row.header);
+    EXPECT_EQ(FacetTrust::shouldFollowRedirect(response, row.devMode), row.follow);
+  }
+}
+
+// A transport failure is untrusted whatever the server would have sent.
+TEST(FacetTrustTest, TransportFailureIsUntrusted) {
+  testing::FakeHostBundle host;
+  testing::FakeHostBundle framework;
+  testing::FakeUserDefaults defaults;
+  Configuration configuration(host, framework, defaults);
+  testing::FakeHttpClient http;
+  HttpClient::Response response;
+  response.status = 200;
+  response.body = kTrusting;
+  http.setResponse("https://a.example/facets", response);
+  const FacetTrust trust(configuration, http);
+  EXPECT_TRUE(trust.checkTrustedFacetID("https://a.example/facets"));
+  http.failAll(true);
+  EXPECT_FALSE(trust.checkTrustedFacetID("https://a.example/facets"));
+  EXPECT_EQ(http.calls().size(), 2u);
+}
+
 // Each row prepares the servers, names the appID and says what the check answers and which
 // servers saw how many requests.
 TEST(FacetTrustTest, CheckAgainstLocalServers) {
