@@ -12,7 +12,7 @@
 //
 // Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
 // connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
-// defaults file, the CLOCK_BOOTTIME clock and uname for the device.
+// defaults file, the CLOCK_BOOTTIME clock, uname for the device and libcurl for HTTPS.
 //
 // The namespace is `corvane::linux_platform`: the GNU dialects (-std=gnu++20, g++'s default)
 // predefine a macro `linux`, so a namespace of that name could not be spelled there.
@@ -58,12 +58,16 @@ struct LinuxPlatformOptions {
   // The user's languages, best first ("fr-CA", "de"), which pick the bundles' localizations;
   // default: LANGUAGE, LC_ALL, LC_MESSAGES or LANG.
   std::optional<std::vector<std::string>> userLanguages;
+  // A PEM file of CA certificates that the HTTP client trusts besides the system's store (a
+  // private deployment's CA, a test CA). Read once, when the platform is made.
+  std::optional<std::filesystem::path> extraCaFile;
 };
 
 // Opens or creates every port. Absent, with the error, when the host bundle cannot be opened or
 // has no usable CFBundleIdentifier, the framework bundle cannot be opened, the team identifier is
 // malformed, the data folder cannot be made private or sits under a folder that another user can
-// change (the error names that folder), or a store in it cannot be made or opened.
+// change (the error names that folder), a store in it cannot be made or opened, or the extra CA
+// file cannot be read or holds no certificate.
 [[nodiscard]] std::optional<Platform> makePlatform(const LinuxPlatformOptions& options,
                                                    Error* error);
 

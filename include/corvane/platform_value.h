@@ -15,6 +15,7 @@
 #include "corvane/ports/biometry.h"
 #include "corvane/ports/clock.h"
 #include "corvane/ports/device_info.h"
+#include "corvane/ports/http_client.h"
 #include "corvane/ports/item_store.h"
 #include "corvane/ports/key_store.h"
 
@@ -34,8 +35,9 @@ struct Platform {
   std::shared_ptr<UserDefaults> userDefaults;
   std::shared_ptr<Clock> clock;
   std::shared_ptr<DeviceInfo> deviceInfo;
-  // The HTTP client, the screen presenter and the scheduler join this set when the flows that use
-  // them are built.
+  // Fetches the trusted-facets documents of other parties' application identifiers.
+  std::shared_ptr<HttpClient> httpClient;
+  // The screen presenter and the scheduler join this set when the flows that use them are built.
 
   // The name of the first port that is missing (the member name above), or absent when every
   // port is present.
@@ -48,6 +50,7 @@ struct Platform {
     if (!userDefaults) return "userDefaults";
     if (!clock) return "clock";
     if (!deviceInfo) return "deviceInfo";
+    if (!httpClient) return "httpClient";
     return std::nullopt;
   }
 };

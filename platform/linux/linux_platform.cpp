@@ -12,6 +12,7 @@
 #include "foundation/private_paths.h"
 #include "linux/boottime_clock.h"
 #include "linux/bundle_directory.h"
+#include "linux/curl_http_client.h"
 #include "linux/linux_device_info.h"
 #include "linux/no_biometry.h"
 #include "linux/openssl_key_store.h"
@@ -156,6 +157,14 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
     return std::nullopt;
   }
 
+  CurlHttpClient::Options httpOptions;
+  httpOptions.extraCaFile = options.extraCaFile;
+  std::shared_ptr<CurlHttpClient> http = CurlHttpClient::open(httpOptions, &inner);
+  if (!http) {
+    failWith(error, "Cannot set up the HTTP client", inner);
+    return std::nullopt;
+  }
+
   std::optional<std::filesystem::path> dataDirectory = options.dataDirectory;
   if (!dataDirectory) dataDirectory = defaultDataDirectory(bundleIdentifier, error);
   if (!dataDirectory) return std::nullopt;
@@ -210,6 +219,7 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   platform.userDefaults = std::move(defaults);
   platform.clock = std::make_shared<BoottimeClock>();
   platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(options.passcodeSet);
+  platform.httpClient = std::move(http);
   return platform;
 }
 

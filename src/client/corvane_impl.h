@@ -3,12 +3,13 @@
 // of declaration is the order of construction and the object never moves.
 #pragma once
 
+#include "client/facet_trust.h"
 #include "configuration/configuration.h"
 #include "corvane/corvane.h"
 #include "corvane/platform_value.h"
 #include "corvane/status_codes.h"
-#include "foundation/result.h"
 #include "crypto/attestation_material.h"
+#include "foundation/result.h"
 #include "storage/keychain.h"
 #include "storage/pattern_manager.h"
 
@@ -19,6 +20,7 @@ struct Corvane::Impl {
   explicit Impl(Platform ports)
       : platform(std::move(ports)),
         configuration(*platform.hostBundle, *platform.frameworkBundle, *platform.userDefaults),
+        facetTrust(configuration, *platform.httpClient),
         keychain(*platform.itemStore, *platform.keyStore, *platform.biometry, configuration,
                  &attestation),
         patternManager(keychain) {}
@@ -51,6 +53,9 @@ struct Corvane::Impl {
 
   Platform platform;
   Configuration configuration;
+  // The caller's facet ID and the trusted-facets check of the registration, authentication and
+  // deregistration flows.
+  FacetTrust facetTrust;
   WhiteboxAttestationKeySource attestation;
   Keychain keychain;
   PatternManager patternManager;

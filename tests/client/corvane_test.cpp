@@ -13,6 +13,7 @@
 #include "fakes/fake_clock.h"
 #include "fakes/fake_device_info.h"
 #include "fakes/fake_host_bundle.h"
+#include "fakes/fake_http_client.h"
 #include "fakes/fake_item_store.h"
 #include "fakes/fake_key_store.h"
 #include "fakes/fake_user_defaults.h"
@@ -34,7 +35,7 @@ const Pattern kAlice = {0, 4, 8, 5};
 struct Installation {
   Installation() { items->setDefaultAccessGroup("CORVANELNX.com.example.host"); }
   Platform platform() const {
-    return Platform{items, keys, biometry, host, framework, defaults, clock, device};
+    return Platform{items, keys, biometry, host, framework, defaults, clock, device, http};
   }
   void seed() {
     ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount(
@@ -65,6 +66,7 @@ struct Installation {
   std::shared_ptr<testing::FakeClock> clock = std::make_shared<testing::FakeClock>();
   std::shared_ptr<testing::FakeDeviceInfo> device =
       std::make_shared<testing::FakeDeviceInfo>("x86_64", "6.1.0");
+  std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>();
   Configuration configuration{*host, *framework, *defaults};
   Keychain keychain{*items, *keys, *biometry, configuration};
   PatternManager patterns{keychain};
@@ -127,8 +129,12 @@ TEST(CorvaneFirstRunTest, OnlyAnUnmarkedStoreIsWipedAndOnlyOnce) {
 TEST(CorvaneFirstRunTest, CreateReportsUnreadableSettingsAndFailingStores) {
   Installation app;
   app.seed();
-  app.defaults->failLoad = Error::corvane(10000, "The user defaults file is damaged");
   Error error;
+  Platform noHttp = app.platform();
+  noHttp.httpClient.reset();
+  EXPECT_FALSE(Corvane::create(nullptr, std::move(noHttp), &error));
+  EXPECT_EQ(error.localizedDescription(), "The platform has no httpClient");
+  app.defaults->failLoad = Error::corvane(10000, "The user defaults file is damaged");
   EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
   EXPECT_EQ(error.localizedDescription(), "The user defaults file is damaged");
   app.defaults->failLoad.reset();

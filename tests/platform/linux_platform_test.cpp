@@ -14,6 +14,7 @@
 #include "storage/keychain.h"
 #include "storage/keychain_rig.h"
 #include "storage/pattern_manager.h"
+#include "support/test_https_server.h"
 #include "test_files.h"
 #include "test_support.h"
 
@@ -22,6 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::modeOf;
+using testing::readFile;
 using testing::writeFile;
 
 struct LinuxRig {
@@ -42,6 +44,12 @@ struct LinuxRig {
 // The bundle seed ID and items persist across reopening; files are 0600 in a 0700 folder.
 TEST(LinuxPlatformTest, PortsPersistPrivately) {
   LinuxRig rig;
+  // Two CAs in one file; the platform reads both (the HTTP client's tests use them).
+  testing::TestCa("First CA").writePem(rig.dir.path() / "ca1.pem");
+  testing::TestCa("Second CA").writePem(rig.dir.path() / "ca2.pem");
+  writeFile(rig.dir.path() / "cas.pem",
+            readFile(rig.dir.path() / "ca1.pem") + readFile(rig.dir.path() / "ca2.pem"));
+  rig.options.extraCaFile = rig.dir.path() / "cas.pem";
   for (int round = 0; round < 2; ++round) {
     Error error;
     std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
@@ -80,6 +88,22 @@ TEST(LinuxPlatformTest, BadOptionsGiveAnErrorAndNoPlatform) {
       [](LinuxRig& r) { r.options.frameworkBundleDirectory = r.dir.path() / "Missing.bundle"; },
       [](LinuxRig& r) { r.options.teamId = "AB.CD"; },
       [](LinuxRig& r) { r.options.teamId.clear(); },
+      [](LinuxRig& r) { r.options.extraCaFile = r.dir.path() / "missing.pem"; },
+      [](LinuxRig& r) {
+        writeFile(r.dir.path() / "ca.pem", "-----BEGIN CERTIFICATE-----\nAAAA\n");
+        r.options.extraCaFile = r.dir.path() / "ca.pem";
+      },
+      [](LinuxRig& r) {
+        writeFile(r.dir.path() / "ca.pem", "no certificate here\n");
+        r.options.extraCaFile = r.dir.path() / "ca.pem";
+      },
+      // A good certificate followed by a damaged one.
+      [](LinuxRig& r) {
+        testing::TestCa("Test CA").writePem(r.dir.path() / "good.pem");
+        writeFile(r.dir.path() / "ca.pem",
+                  readFile(r.dir.path() / "good.pem") + "-----BEGIN CERTIFICATE-----\nAAAA\n");
+        r.options.extraCaFile = r.dir.path() / "ca.pem";
+      },
   };
   for (Spoil spoil : cases) {
     LinuxRig rig;
