@@ -2,8 +2,9 @@
 // host fills for a request, and the delegate through which it hears the results.
 //
 // One Corvane object owns one Platform (its ports) and every store object built over it; several
-// objects may live side by side in one process. Calls on one object come from one thread at a
-// time; the object creates no threads and takes no locks. docs/API.md lists every operation.
+// objects may live side by side in one process. Calls on one object come from the thread that
+// runs the platform's main queue (Scheduler); results arrive there too. docs/API.md lists every
+// operation.
 #pragma once
 
 #include <functional>
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "corvane/error.h"
 #include "corvane/platform_value.h"
@@ -54,6 +56,18 @@ struct DoAuthReq {
   std::string displayName;
 };
 
+// What getSupportedAuthenticator answers: which user verifications the user may use for a request
+// and whether the user is enrolled already.
+struct GetSupportedAuthenticatorResponse {
+  // The aaid and first key ID of the last candidate authenticator (absent when it has none).
+  std::optional<std::string> aaid;
+  std::optional<std::string> keyID;
+  // The user-verification names ("pattern", "biometry") the user may use.
+  std::vector<std::string> userVerifications;
+  // 4 enrolled, 2 supported, 1 not supported.
+  uint64_t status = 0;
+};
+
 class Corvane {
  public:
   // Builds the object over `platform` and runs the first-run steps: on the first construction in
@@ -85,6 +99,28 @@ class Corvane {
   // False exactly once: the first call that finds "Corvane.initiated" unset sets it and flushes.
   // Answers the value read before the write.
   bool isFirstInitialed();
+
+  // The UAF versions, client vendor and authenticators the device offers, as compact JSON text
+  // (keys "supportedUAFVersions", "clientVendor", "clientVersion", "availableAuthenticators");
+  // absent with the error when the ASM cannot tell.
+  std::optional<std::string> discover(Error* error);
+  // For a registration or authentication request text: the user verifications its policy lets
+  // the user use, and whether the user is enrolled. Absent with the error for a request that is
+  // not JSON, lacks fields, or whose policy matches no active authenticator.
+  std::optional<GetSupportedAuthenticatorResponse> getSupportedAuthenticator(
+      std::string_view request, Error* error);
+  // The same checks as getSupportedAuthenticator for `userName` and `isReg`; the result is only
+  // the error (untouched when the policy can be met).
+  void checkPolicy(std::string_view request, std::string_view userName, bool isReg, Error* error);
+
+  // Registers a user: checks the request, picks the authenticator its policy accepts, checks the
+  // facet, and asks the user. The delegate's onRegistrationComplete is called exactly once: before
+  // this call returns for a request refused at once, later (on the main queue) otherwise. A
+  // request made while another registration or authentication is pending is refused with 20005
+  // "another request is in progress." and the pending one keeps its own answer.
+  void doRegistration(const DoRegReq& request);
+  // Authenticates a user; the same rules, through onAuthenticationComplete.
+  void doAuthentication(const DoAuthReq& request);
 
   // Header type check of one raw UAF message given as JSON text: true when it is malformed, that
   // is when its header's "appID", or failing that its "serverData", is present and neither null

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,6 +56,9 @@ struct LinuxPlatformOptions {
   // Whether the user's login counts as a device passcode (the pattern lock is offered only then).
   // True for a normal login session; false for a session nobody authenticated to.
   bool passcodeSet = true;
+  // Shows the pattern and transaction screens (a terminal, a window, a test script). Without one
+  // the pattern lock is not offered.
+  std::shared_ptr<ScreenPresenter> screenPresenter;
   // The user's languages, best first ("fr-CA", "de"), which pick the bundles' localizations;
   // default: LANGUAGE, LC_ALL, LC_MESSAGES or LANG.
   std::optional<std::vector<std::string>> userLanguages;

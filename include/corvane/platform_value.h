@@ -18,6 +18,8 @@
 #include "corvane/ports/http_client.h"
 #include "corvane/ports/item_store.h"
 #include "corvane/ports/key_store.h"
+#include "corvane/ports/scheduler.h"
+#include "corvane/ports/screen_presenter.h"
 
 namespace corvane {
 
@@ -37,7 +39,11 @@ struct Platform {
   std::shared_ptr<DeviceInfo> deviceInfo;
   // Fetches the trusted-facets documents of other parties' application identifiers.
   std::shared_ptr<HttpClient> httpClient;
-  // The screen presenter and the scheduler join this set when the flows that use them are built.
+  // The main queue and the background thread: every answer reaches the host through it.
+  std::shared_ptr<Scheduler> scheduler;
+  // Shows the pattern and transaction screens. Optional: without one, the authenticators that need
+  // a screen (the pattern lock) are not offered.
+  std::shared_ptr<ScreenPresenter> screenPresenter;
 
   // The name of the first port that is missing (the member name above), or absent when every
   // port is present.
@@ -51,6 +57,7 @@ struct Platform {
     if (!clock) return "clock";
     if (!deviceInfo) return "deviceInfo";
     if (!httpClient) return "httpClient";
+    if (!scheduler) return "scheduler";
     return std::nullopt;
   }
 };

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "corvane/linux_event_loop.h"
 #include "corvane/status_codes.h"
 #include "foundation/private_paths.h"
 #include "linux/boottime_clock.h"
@@ -220,6 +221,14 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   platform.clock = std::make_shared<BoottimeClock>();
   platform.deviceInfo = std::make_shared<LinuxDeviceInfo>(options.passcodeSet);
   platform.httpClient = std::move(http);
+  Error loopError;
+  std::shared_ptr<EventLoop> loop = EventLoop::create(&loopError);
+  if (!loop) {
+    failWith(error, "Cannot start the event loop", loopError);
+    return std::nullopt;
+  }
+  platform.scheduler = std::move(loop);
+  platform.screenPresenter = options.screenPresenter;
   return platform;
 }
 

@@ -17,7 +17,10 @@ Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform pl
 
 Corvane::Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform, Unstarted)
     : authUIControllerDelegate_(std::move(delegate)) {
-  if (!platform.missingPort()) impl_ = std::make_unique<Impl>(std::move(platform));
+  if (!platform.missingPort()) {
+    impl_ = std::make_unique<Impl>(std::move(platform));
+    impl_->host = authUIControllerDelegate_.get();
+  }
 }
 
 std::unique_ptr<Corvane> Corvane::create(std::shared_ptr<AuthUIControllerDelegate> delegate,

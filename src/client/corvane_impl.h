@@ -1,29 +1,39 @@
-// What one Corvane object owns besides its delegate: the platform's ports and the objects built
-// over them (configuration, keychain, pattern store). Members refer to one another, so the order
-// of declaration is the order of construction and the object never moves.
+// What one Corvane object owns besides its delegate: the platform's ports, the objects built over
+// them (configuration, keychain, pattern store, policy helper) and the one long-lived ASM, whose
+// answers arrive after the user was verified. Members refer to one another, so the order of
+// declaration is the order of construction and the object never moves.
+//
+// The Impl is the ASM's CorvaneDelegate; hosts cannot reach that side.
 #pragma once
 
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "asm/asm.h"
+#include "asm/corvane_delegate.h"
+#include "authenticator/authenticator_info.h"
 #include "client/facet_trust.h"
+#include "client/messages/authentication.h"
+#include "client/messages/registration.h"
+#include "client/messages/required_fields.h"
 #include "configuration/configuration.h"
 #include "corvane/corvane.h"
 #include "corvane/platform_value.h"
 #include "corvane/status_codes.h"
 #include "crypto/attestation_material.h"
 #include "foundation/result.h"
+#include "policy/policy_helper.h"
 #include "storage/keychain.h"
 #include "storage/pattern_manager.h"
 
 namespace corvane {
 
-struct Corvane::Impl {
+struct Corvane::Impl final : CorvaneDelegate {
   // `platform` must be complete (Platform::missingPort answers absent).
-  explicit Impl(Platform ports)
-      : platform(std::move(ports)),
-        configuration(*platform.hostBundle, *platform.frameworkBundle, *platform.userDefaults),
-        facetTrust(configuration, *platform.httpClient),
-        keychain(*platform.itemStore, *platform.keyStore, *platform.biometry, configuration,
-                 &attestation),
-        patternManager(keychain) {}
+  explicit Impl(Platform ports);
+  ~Impl() override;
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
@@ -31,25 +41,41 @@ struct Corvane::Impl {
   // kept before the marker existed, the "Corvane.installed" flag (such data gets its marker now,
   // so that a settings file lost later cannot make it look fresh). An error when the item store
   // cannot be read.
-  Result<bool> installedBefore() {
-    Result<bool> marked = keychain.isInstallationMarked();
-    if (!marked || *marked) return marked;
-    if (!platform.userDefaults->getBool(kUserDefaultsInstalledKey)) return false;
-    // Marked at the next start when it cannot be now; the flag still says installed.
-    static_cast<void>(keychain.markInstallation());
-    return true;
-  }
+  Result<bool> installedBefore();
   // Writes the marker and the two flags; false when the marker could not be written. A fresh
   // installation needs no first-initialisation step, so "Corvane.initiated" is set too. A flush
   // that fails keeps the flags pending in memory for the next one; the marker is what counts.
-  bool markInstalled() {
-    if (keychain.markInstallation() != StoreStatus::ok) return false;
-    UserDefaults& defaults = *platform.userDefaults;
-    defaults.setBool(kUserDefaultsInstalledKey, true);
-    defaults.setBool(kUserDefaultsInitiatedKey, true);
-    static_cast<void>(defaults.synchronize(nullptr));
-    return true;
-  }
+  bool markInstalled();
+
+  std::string facetID() const { return facetTrust.facetID(); }
+  // The ASM, made at first use, after the first-run steps (a wipe would take its token away).
+  Asm& assistant();
+  // Runs a request that answers by return value.
+  AsmResponse execute(const AsmRequest& request);
+
+  // The candidate search: the authenticators the policy lists accept for `username`, each marked
+  // enrolled (status 4, its key IDs and user verification) when the user has a registration.
+  // Absent with DISALLOW_POLICY when none matched and the policy said why.
+  [[nodiscard]] std::optional<std::vector<AuthenticatorInfo>> candidates(
+      const std::optional<nlohmann::json>& accepted,
+      const std::optional<nlohmann::json>& disallowed, const std::string& username, bool isReg,
+      Error* error);
+
+  // The context the request checks run with.
+  RequestCheckContext requestCheckContext(const ExtsData& extsData) const;
+  // Absent when the caller may answer `header`'s appID; otherwise UNTRUSTED_FACET_ID with
+  // "facetID:<facet ID> is not trusted under <appID>". No check is made when the header has no
+  // appID or names the caller's own facet ID.
+  std::optional<Error> facetRefusal(const std::optional<OperationHeader>& header);
+
+  // Reports a result to the host, once; the operation is over.
+  void completeRegistration(std::optional<std::string> response, const Error& error);
+  void completeAuthentication(std::optional<std::string> response, const Error& error);
+
+  // CorvaneDelegate.
+  void asmRegisterResponse(const AsmResponse& response, const std::optional<Error>& error) override;
+  void asmAuthenticateResponse(const AsmResponse& response,
+                               const std::optional<Error>& error) override;
 
   Platform platform;
   Configuration configuration;
@@ -59,6 +85,16 @@ struct Corvane::Impl {
   WhiteboxAttestationKeySource attestation;
   Keychain keychain;
   PatternManager patternManager;
+  PolicyHelper policy;
+  std::unique_ptr<Asm> asm_;
+  // Set by Corvane: where results go (may be null).
+  AuthUIControllerDelegate* host = nullptr;
+
+  // The operation whose answer is awaited; one at a time.
+  enum class Pending { none, registration, authentication };
+  Pending pending = Pending::none;
+  std::optional<RegistrationResponse> tempRes;
+  std::optional<AuthenticationResponse> tempAuthRes;
 };
 
 }  // namespace corvane

@@ -17,6 +17,7 @@
 #include "fakes/fake_item_store.h"
 #include "fakes/fake_key_store.h"
 #include "fakes/fake_user_defaults.h"
+#include "fakes/manual_scheduler.h"
 #include "fakes/scripted_biometry.h"
 #include "storage/keychain.h"
 #include "storage/pattern_manager.h"
@@ -35,7 +36,8 @@ const Pattern kAlice = {0, 4, 8, 5};
 struct Installation {
   Installation() { items->setDefaultAccessGroup("CORVANELNX.com.example.host"); }
   Platform platform() const {
-    return Platform{items, keys, biometry, host, framework, defaults, clock, device, http};
+    return Platform{items, keys,   biometry, host,      framework, defaults,
+                    clock, device, http,     scheduler, nullptr};
   }
   void seed() {
     ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount(
@@ -67,6 +69,8 @@ struct Installation {
   std::shared_ptr<testing::FakeDeviceInfo> device =
       std::make_shared<testing::FakeDeviceInfo>("x86_64", "6.1.0");
   std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>();
+  std::shared_ptr<testing::ManualScheduler> scheduler =
+      std::make_shared<testing::ManualScheduler>();
   Configuration configuration{*host, *framework, *defaults};
   Keychain keychain{*items, *keys, *biometry, configuration};
   PatternManager patterns{keychain};

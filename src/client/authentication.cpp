@@ -1,0 +1,109 @@
+// Authentication: the request checked, the user's registered authenticator chosen by the policy,
+// the facet decision, the ASM asked; the response built when the ASM answers.
+#include <utility>
+
+#include "client/corvane_impl.h"
+#include "client/flow_support.h"
+#include "client/messages/fc_params.h"
+#include "client/messages/uaf_message_array.h"
+
+namespace corvane {
+
+void Corvane::doAuthentication(const DoAuthReq& input) {
+  if (!impl_) {
+    if (authUIControllerDelegate_) {
+      authUIControllerDelegate_->onAuthenticationComplete(
+          std::nullopt, clientError(CorvaneStatusCode::UNKNOWN, "The platform is incomplete."));
+    }
+    return;
+  }
+  Impl& impl = *impl_;
+  if (impl.pending != Impl::Pending::none) {
+    // The pending request keeps its own answer; this one is refused at once.
+    if (impl.host != nullptr) {
+      impl.host->onAuthenticationComplete(
+          std::nullopt,
+          clientError(CorvaneStatusCode::INSUFFICIENT_AUTHENTICATOR_RESOURCES, kBusyText));
+    }
+    return;
+  }
+  impl.pending = Impl::Pending::authentication;
+  const auto fail = [&impl](const Error& error) {
+    impl.completeAuthentication(std::nullopt, error);
+  };
+
+  Error error;
+  std::optional<UafMessageChoice<AuthenticationRequest>> choice =
+      chooseUafMessageFromText<AuthenticationRequest>(input.req, &error);
+  if (!choice) return fail(error);
+  std::optional<std::vector<Extension>> exts =
+      checkAuthenticationRequest(choice->message, impl.requestCheckContext(input.extsData), &error);
+  if (!exts) return fail(error);
+  const AuthenticationRequest& message = *choice->message;
+  const std::optional<Policy>& policy = message.policy;
+
+  std::optional<std::vector<AuthenticatorInfo>> candidates =
+      impl.candidates(policy ? policy->accepted : std::nullopt,
+                      policy ? policy->disallowed : std::nullopt, input.username, false, &error);
+  if (!candidates) return fail(error);
+  if (candidates->empty()) {
+    return fail(clientError(CorvaneStatusCode::DISALLOW_POLICY, kPolicyNotMetText));
+  }
+  if (std::optional<Error> refusal = impl.facetRefusal(message.header)) return fail(*refusal);
+
+  const std::string facetID = impl.facetID();
+  const std::optional<std::string>& headerAppID = message.header->appID;
+  const std::string fcParams =
+      buildFcParams(headerAppID, message.challenge.value_or(std::string()), facetID);
+  const AuthenticatorInfo& chosen = candidates->front();
+
+  AsmRequest registrations;
+  registrations.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
+  registrations.authenticatorIndex = chosen.authenticatorIndex.value_or(0);
+  registrations.args = GetRegistrationsIn{input.username};
+  const AsmResponse registered = impl.execute(registrations);
+  const auto* out = std::get_if<GetRegistrationOut>(&registered.responseData);
+  if (out == nullptr || !out->appRegs || out->appRegs->empty() || !out->appRegs->front().keyID ||
+      out->appRegs->front().keyID->empty()) {
+    return fail(Error::corvane(code(CorvaneStatusCode::USER_NOT_ENROLLED)));
+  }
+
+  AsmRequest request;
+  request.requestType = static_cast<uint64_t>(AsmRequestType::kAuthenticate);
+  request.authenticatorIndex = chosen.authenticatorIndex.value_or(0);
+  request.asmVersion = message.header->upv;
+  request.exts = std::move(*exts);
+  request.args = AuthenticateIn{
+      applicationIdFor(headerAppID, facetID),
+      std::vector<std::string>{out->appRegs->front().keyID->front()},
+      input.username,
+      fcParams,
+      message.transaction,
+      input.displayName.empty() ? std::nullopt : std::optional<std::string>(input.displayName)};
+
+  impl.tempAuthRes = AuthenticationResponse{message.header, fcParams, std::nullopt};
+  static_cast<void>(impl.platform.userDefaults->synchronize(nullptr));
+  impl.platform.scheduler->waitForBackgroundWork();
+  impl.assistant().executeWithAsmRequest(request);
+}
+
+void Corvane::Impl::asmAuthenticateResponse(const AsmResponse& response,
+                                            const std::optional<Error>& error) {
+  if (pending != Pending::authentication) return;
+  if (response.statusCode != 0 || !tempAuthRes) {
+    tempAuthRes.reset();
+    completeAuthentication(std::nullopt, hostError(response.statusCode, error));
+    return;
+  }
+  const AuthenticateOut* out = std::get_if<AuthenticateOut>(&response.responseData);
+  AuthenticatorSignAssertion assertion;
+  if (out != nullptr) {
+    assertion.assertion = out->assertion;
+    assertion.assertionScheme = out->assertionScheme;
+  }
+  assertion.exts = response.exts;
+  tempAuthRes->assertions = std::vector<AuthenticatorSignAssertion>{std::move(assertion)};
+  completeAuthentication("[" + tempAuthRes->toJsonString() + "]", successError(error));
+}
+
+}  // namespace corvane

@@ -1,0 +1,125 @@
+#include "client/corvane_impl.h"
+
+#include <utility>
+
+#include "authenticator/generic_authenticator.h"
+#include "verification/pattern_lock_authenticator.h"
+
+namespace corvane {
+
+namespace {
+constexpr uint64_t kEnrolled =
+    static_cast<uint64_t>(AuthenticatorInfoStatus::AUTHENTICATORINFO_STATUS_USER_ENROLLED);
+}  // namespace
+
+Corvane::Impl::Impl(Platform ports)
+    : platform(std::move(ports)),
+      configuration(*platform.hostBundle, *platform.frameworkBundle, *platform.userDefaults),
+      facetTrust(configuration, *platform.httpClient),
+      keychain(*platform.itemStore, *platform.keyStore, *platform.biometry, configuration,
+               &attestation),
+      patternManager(keychain),
+      policy(*platform.deviceInfo, [this](const AsmRequest& request) { return execute(request); }) {
+}
+
+Corvane::Impl::~Impl() = default;
+
+Result<bool> Corvane::Impl::installedBefore() {
+  Result<bool> marked = keychain.isInstallationMarked();
+  if (!marked || *marked) return marked;
+  if (!platform.userDefaults->getBool(kUserDefaultsInstalledKey)) return false;
+  // Marked at the next start when it cannot be now; the flag still says installed.
+  static_cast<void>(keychain.markInstallation());
+  return true;
+}
+
+bool Corvane::Impl::markInstalled() {
+  if (keychain.markInstallation() != StoreStatus::ok) return false;
+  UserDefaults& defaults = *platform.userDefaults;
+  defaults.setBool(kUserDefaultsInstalledKey, true);
+  defaults.setBool(kUserDefaultsInitiatedKey, true);
+  static_cast<void>(defaults.synchronize(nullptr));
+  return true;
+}
+
+Asm& Corvane::Impl::assistant() {
+  if (!asm_) {
+    asm_ = std::make_unique<Asm>(
+        *this, keychain, configuration, facetID(), [this](AsmDelegate& asmDelegate) {
+          Asm::Authenticators made;
+          if (platform.screenPresenter) {
+            made[GenericAuthenticator::kUserVerificationPattern] =
+                std::make_unique<PatternLockAuthenticator>(
+                    asmDelegate,
+                    AuthenticatorServices{keychain, patternManager, configuration,
+                                          *platform.scheduler, *platform.screenPresenter,
+                                          *platform.deviceInfo, *platform.clock, facetID()});
+          }
+          return made;
+        });
+  }
+  return *asm_;
+}
+
+AsmResponse Corvane::Impl::execute(const AsmRequest& request) {
+  // Store reads and writes from here must not meet an authenticator's background work.
+  platform.scheduler->waitForBackgroundWork();
+  return assistant().executeWithAsmRequestThenResponse(request);
+}
+
+std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
+    const std::optional<nlohmann::json>& accepted, const std::optional<nlohmann::json>& disallowed,
+    const std::string& username, bool isReg, Error* error) {
+  AsmRequest getInfo;
+  getInfo.requestType = static_cast<uint64_t>(AsmRequestType::kGetInfo);
+  const AsmResponse info = execute(getInfo);
+  std::vector<AuthenticatorInfo> infos;
+  if (const auto* out = std::get_if<GetInfoOut>(&info.responseData); out && out->authenticators) {
+    infos = *out->authenticators;
+  }
+  std::vector<AuthenticatorInfo> matched;
+  std::string refusals;
+  for (AuthenticatorInfo& authenticator : infos) {
+    AsmRequest registrations;
+    registrations.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
+    registrations.authenticatorIndex = authenticator.authenticatorIndex.value_or(0);
+    registrations.args = GetRegistrationsIn{username};
+    const AsmResponse registered = execute(registrations);
+    const AppRegistration* first = nullptr;
+    if (const auto* out = std::get_if<GetRegistrationOut>(&registered.responseData);
+        out && out->appRegs && !out->appRegs->empty()) {
+      first = &out->appRegs->front();
+      if (first->keyID && !first->keyID->empty()) {
+        authenticator.keyIDs = std::vector<std::string>{first->keyID->front()};
+      }
+      authenticator.status = kEnrolled;
+    }
+    Error refusal;
+    if (policy.checkPolicy(&authenticator, accepted, disallowed, isReg, username, &refusal)) {
+      if (authenticator.status == kEnrolled && first != nullptr) {
+        authenticator.uvs = std::vector<std::string>{first->userVerification.value_or("")};
+      }
+      matched.push_back(std::move(authenticator));
+    } else if (refusal.code() != 0) {
+      refusals += refusal.localizedDescription();
+    }
+  }
+  if (!refusals.empty() && matched.empty()) {
+    setError(error, Error::corvane(code(CorvaneStatusCode::DISALLOW_POLICY), refusals));
+    return std::nullopt;
+  }
+  return matched;
+}
+
+void Corvane::Impl::completeRegistration(std::optional<std::string> response, const Error& error) {
+  pending = Pending::none;
+  if (host != nullptr) host->onRegistrationComplete(std::move(response), error);
+}
+
+void Corvane::Impl::completeAuthentication(std::optional<std::string> response,
+                                           const Error& error) {
+  pending = Pending::none;
+  if (host != nullptr) host->onAuthenticationComplete(std::move(response), error);
+}
+
+}  // namespace corvane

@@ -1,0 +1,382 @@
+// Discovery, registration and authentication through the facade, over the real Linux stores in a
+// temporary data directory, with the scripted presenter and the manual queue: the host's view of
+// every outcome, success and failure, with its exact code and text.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "client/discovery.h"
+#include "corvane/corvane.h"
+#include "corvane/linux_platform.h"
+#include "fakes/manual_scheduler.h"
+#include "fakes/scripted_presenter.h"
+#include "foundation/byte_io.h"
+#include "foundation/utils.h"
+#include "test_files.h"
+#include "test_support.h"
+
+namespace corvane {
+namespace {
+
+using nlohmann::json;
+constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
+const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
+
+}  // namespace
+
+void PrintTo(const Error& error, std::ostream* out) {
+  *out << error.code() << " \"" << error.localizedDescription() << "\"";
+}
+
+namespace {
+
+struct Outcome {
+  bool registration;
+  std::optional<std::string> response;
+  Error error;
+};
+
+class Recorder final : public AuthUIControllerDelegate {
+ public:
+  std::vector<Outcome> outcomes;
+  void onRegistrationComplete(std::optional<std::string> response, const Error& error) override {
+    outcomes.push_back({true, std::move(response), error});
+  }
+  void onAuthenticationComplete(std::optional<std::string> response, const Error& error) override {
+    outcomes.push_back({false, std::move(response), error});
+  }
+};
+
+json header(std::string_view op, json extra = json::object()) {
+  json h = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"serverData", "sd-1"}};
+  h.update(extra);
+  return h;
+}
+json acceptPattern() {
+  return {{"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})}};
+}
+
+std::string registrationRequest(std::string_view user, json headerExtra = json::object(),
+                                json policy = acceptPattern()) {
+  return json::array({{{"header", header("Reg", std::move(headerExtra))},
+                       {"challenge", "Y2hhbGxlbmdl"},
+                       {"username", user},
+                       {"policy", std::move(policy)}}})
+      .dump();
+}
+std::string authenticationRequest(json headerExtra = json::object(),
+                                  std::optional<json> transaction = std::nullopt,
+                                  json policy = acceptPattern()) {
+  json message = {{"header", header("Auth", std::move(headerExtra))},
+                  {"challenge", "YXV0aC1jaGFsbGVuZ2U"},
+                  {"policy", std::move(policy)}};
+  if (transaction) message["transaction"] = *transaction;
+  return json::array({message}).dump();
+}
+
+class Host {
+ public:
+  explicit Host(bool patternActive = true, bool withPresenter = true) {
+    testing::writeFile(
+        dir.path() / "Host.app" / "Info.plist",
+        std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                    "<key>CFBundleIdentifier</key><string>com.example.host</string>"
+                    "<key>zandrel_fido_sdk_config</key><dict>"
+                    "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
+                    "<key>zandrel_fido_pattern_lock_active</key>") +
+            (patternActive ? "<string>Y</string>"
+                           : "<string>N</string><key>zandrel_fido_biometric_active</key>"
+                             "<string>N</string>") +
+            "</dict></dict></plist>");
+    linux_platform::LinuxPlatformOptions options;
+    options.hostBundleDirectory = dir.path() / "Host.app";
+    options.dataDirectory = dir.path() / "data";
+    options.frameworkBundleDirectory = testing::resourcesDir();
+    options.durableWrites = false;
+    Error error;
+    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
+    EXPECT_TRUE(platform) << error.localizedDescription();
+    platform->scheduler = scheduler;
+    if (withPresenter) platform->screenPresenter = presenter;
+    corvane = Corvane::create(recorder, std::move(*platform), &error);
+    EXPECT_TRUE(corvane) << error.localizedDescription();
+  }
+
+  // Draws the pattern on each pattern screen that comes up, `times` times.
+  void draw(int times = 1) {
+    scheduler->drain();
+    for (int i = 0; i < times; ++i) {
+      ASSERT_TRUE(presenter->draw(kPattern));
+      scheduler->drain();
+    }
+  }
+  const Outcome& last() const { return recorder->outcomes.back(); }
+
+  testing::TempDir dir;
+  std::shared_ptr<testing::ManualScheduler> scheduler =
+      std::make_shared<testing::ManualScheduler>();
+  std::shared_ptr<testing::ScriptedPresenter> presenter =
+      std::make_shared<testing::ScriptedPresenter>();
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::unique_ptr<Corvane> corvane;
+};
+
+// The TLV elements of one level, by tag (the last of a tag wins).
+std::map<uint16_t, Bytes> elements(ByteView data) {
+  std::map<uint16_t, Bytes> out;
+  ByteReader reader(data);
+  while (std::optional<TlvElement> element = reader.readElement()) {
+    out[element->tag] = Bytes(element->value.rest().begin(), element->value.rest().end());
+  }
+  return out;
+}
+
+Bytes digest(std::string_view text) {
+  const std::array<uint8_t, 32> d = Utils::sha256BackData(text);
+  return Bytes(d.begin(), d.end());
+}
+
+// The one message of a response, checked for the request's header and fcParams; returns the
+// decoded assertion.
+Bytes readResponse(const Outcome& outcome, std::string_view challenge) {
+  EXPECT_EQ(outcome.error.code(), 0) << outcome.error.localizedDescription();
+  if (!outcome.response) return {};
+  const json array = json::parse(*outcome.response);
+  EXPECT_TRUE(array.is_array() && array.size() == 1);
+  const json& message = array.at(0);
+  EXPECT_EQ(message.at("header").at("serverData"), "sd-1");
+  const std::string fcParams = message.at("fcParams");
+  const json fc = json::parse(asText(Utils::decodeBase64Url(fcParams).value()));
+  EXPECT_EQ(fc,
+            json::parse(std::string(R"({"appID":"ios:bundle-id:com.example.host","challenge":")") +
+                        std::string(challenge) +
+                        R"(","facetID":"ios:bundle-id:com.example.host","channelBinding":{}})"));
+  EXPECT_EQ(message.at("assertions").at(0).at("assertionScheme"), "UAFV1TLV");
+  const Bytes assertion =
+      Utils::decodeBase64Url(message.at("assertions").at(0).at("assertion").get<std::string>())
+          .value();
+  // The final challenge hash inside is SHA-256 of the fcParams text.
+  const auto top = elements(assertion);
+  const Bytes& body = top.begin()->second;
+  const auto inner = elements(body);
+  const Bytes& signedPart = inner.count(0x3E03) ? inner.at(0x3E03) : inner.at(0x3E04);
+  EXPECT_EQ(elements(signedPart).at(0x2E0A), digest(fcParams));
+  return assertion;
+}
+
+TEST(FlowsTest, DiscoverRegisterAuthenticate) {
+  Host host;
+  Error error;
+  const json discovered = json::parse(host.corvane->discover(&error).value());
+  EXPECT_EQ(discovered.at("clientVendor"), "0F3D");
+  EXPECT_EQ(discovered.at("supportedUAFVersions"), json::parse(R"([{"major":1,"minor":1}])"));
+  ASSERT_EQ(discovered.at("availableAuthenticators").size(), 1u);
+  EXPECT_EQ(discovered.at("availableAuthenticators").at(0).at("aaid"), "0F3D#0002");
+  EXPECT_EQ(discovered.at("availableAuthenticators").at(0).at("supportedExtensionIDs"),
+            json::array());
+
+  host.corvane->doRegistration(DoRegReq{registrationRequest("alice"), "pattern", "Alice", {}});
+  EXPECT_TRUE(host.recorder->outcomes.empty()) << "answered before the user was asked";
+  host.draw(2);
+  ASSERT_EQ(host.recorder->outcomes.size(), 1u);
+  const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
+  const auto krd = elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
+  const Bytes publicKey = krd.at(0x2E0C);
+  ASSERT_EQ(publicKey.size(), 91u);
+  const std::string keyID = Utils::base64URLSafeStringFromData(krd.at(0x2E09));
+
+  // An authentication request: a registration request whose policy does not name the key would
+  // take the user's registration for stale.
+  json question = json::parse(authenticationRequest());
+  question[0]["username"] = "alice";
+  std::optional<GetSupportedAuthenticatorResponse> supported =
+      host.corvane->getSupportedAuthenticator(question.dump(), &error);
+  ASSERT_TRUE(supported) << error.localizedDescription();
+  EXPECT_EQ(supported->status, 4u);
+  EXPECT_EQ(supported->userVerifications, std::vector<std::string>{"pattern"});
+
+  const json text = json::array({{{"contentType", "text/plain"}, {"content", "UGF5IDEwIEVVUg"}}});
+  for (uint32_t counter : {1u, 2u}) {
+    host.corvane->doAuthentication(
+        DoAuthReq{authenticationRequest(json::object(),
+                                        counter == 2 ? std::optional<json>(text) : std::nullopt),
+                  "alice",
+                  {},
+                  "Alice"});
+    if (counter == 2) {
+      host.presenter->transaction()->pressConfirm();
+    }
+    host.draw();
+    ASSERT_EQ(host.recorder->outcomes.size(), 1u + counter);
+    const Bytes auth = readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U");
+    ByteReader top(auth);
+    std::optional<ByteReader> body = top.readElement(0x3E02);
+    ASSERT_TRUE(body);
+    std::optional<TlvElement> signedData = body->readElement();
+    std::optional<ByteReader> signature = body->readElement(0x2E06);
+    ASSERT_TRUE(signedData && signature);
+    EXPECT_TRUE(testing::verifies(publicKey, signedData->whole, signature->rest()));
+    const auto fields = elements(signedData->value.rest());
+    EXPECT_EQ(fields.at(0x2E0D), (Bytes{static_cast<uint8_t>(counter), 0, 0, 0}));
+    if (counter == 2) {
+      EXPECT_EQ(fields.at(0x2E10), digest("Pay 10 EUR"));
+    }
+  }
+
+  // The server lists the key it holds: the user is enrolled.
+  const json knownKey = {
+      {"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})},
+      {"disallowed", json::array({{{"aaid", {"0F3D#0002"}}, {"keyIDs", {keyID}}}})}};
+  host.corvane->doRegistration(
+      DoRegReq{registrationRequest("alice", json::object(), knownKey), "pattern", "Alice", {}});
+  EXPECT_EQ(host.last().error, Error::corvane(20003, "user already enrolled this aaid."));
+
+  // One request at a time: a second one is refused at once, the first still gets its answer.
+  host.corvane->doRegistration(DoRegReq{registrationRequest("bob"), "pattern", "Bob", {}});
+  host.scheduler->drain();
+  const size_t before = host.recorder->outcomes.size();
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(), "alice", {}, "Alice"});
+  ASSERT_EQ(host.recorder->outcomes.size(), before + 1);
+  EXPECT_EQ(host.last().error, Error::corvane(20005, "another request is in progress."));
+  host.presenter->pattern()->pressButton();
+  host.scheduler->drain();
+  ASSERT_EQ(host.recorder->outcomes.size(), before + 2);
+  EXPECT_TRUE(host.last().registration);
+  EXPECT_EQ(host.last().error, Error::corvane(30000, "user canceled register action"));
+}
+
+TEST(FlowsTest, RegistrationFailures) {
+  const json other = {{"appID", "https://127.0.0.1:1/app"}};
+  const struct {
+    const char* name;
+    std::string request;
+    std::string userVerification;
+    int64_t code;
+    std::string text;
+  } rows[] = {
+      {"two messages of one version",
+       json::array(
+           {json::parse(registrationRequest("a"))[0], json::parse(registrationRequest("b"))[0]})
+           .dump(),
+       "pattern", 60001, "Multiple UAF Messages with the same version."},
+      {"no user verification", registrationRequest("a"), "", 60000,
+       "Missing Required Fields: userVerification "},
+      {"no message", "[]", "pattern", 60000, "Missing Required Fields: registrationRequest "},
+      {"accepted not lists, op wrong",
+       json::array({{{"header", header("Auth")},
+                     {"challenge", "c"},
+                     {"username", "a"},
+                     {"policy", {{"accepted", json::array({1, json::array({2})})}}}}})
+           .dump(),
+       "pattern", 60000, "Missing Required Fields: accepted accepted op "},
+      {"unknown critical extension",
+       registrationRequest(
+           "a",
+           {{"exts", json::array({{{"id", "nope"}, {"data", ""}, {"fail_if_unknown", true}}})}}),
+       "pattern", 10000, "Unknown Extension.id value."},
+      {"version 1.0",
+       json::array({{{"header", {{"upv", {{"major", 1}, {"minor", 0}}}, {"op", "Reg"}}},
+                     {"challenge", "c"},
+                     {"username", "a"},
+                     {"policy", acceptPattern()}}})
+           .dump(),
+       "pattern", 50001, "Version Error."},
+      {"policy disallows the aaid",
+       registrationRequest("a", json::object(),
+                           {{"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})},
+                            {"disallowed", json::array({{{"aaid", {"0F3D#0002"}}}})}}),
+       "pattern", 40000, "aaid:0F3D#0002 policy not allowed. aaid:0F3D#0002 policy not allowed. "},
+      {"untrusted facet", registrationRequest("a", other), "pattern", 50000,
+       "facetID:ios:bundle-id:com.example.host is not trusted under https://127.0.0.1:1/app"},
+  };
+  Host host;
+  for (const auto& row : rows) {
+    const size_t before = host.recorder->outcomes.size();
+    host.corvane->doRegistration(DoRegReq{row.request, row.userVerification, "", {}});
+    ASSERT_EQ(host.recorder->outcomes.size(), before + 1) << row.name;
+    EXPECT_FALSE(host.last().response) << row.name;
+    EXPECT_EQ(host.last().error, Error::corvane(row.code, row.text))
+        << row.name << ": " << host.last().error.localizedDescription();
+  }
+  // Not JSON: the parser's own description.
+  host.corvane->doRegistration(DoRegReq{"[{", "pattern", "", {}});
+  EXPECT_EQ(host.last().error.code(), 60001);
+  EXPECT_FALSE(host.last().error.localizedDescription().empty());
+  EXPECT_EQ(host.presenter->presentedCount(), 0u);
+}
+
+TEST(FlowsTest, AuthenticationAndSupportedAuthenticatorFailures) {
+  Host host;
+  const json bad = json::array({{{"contentType", "text/plain"}, {"content", "not base64!"}}});
+  const struct {
+    const char* name;
+    std::string request;
+    int64_t code;
+    std::string text;
+  } rows[] = {
+      {"no message", "[]", 60000, "Missing Required Fields: authenticationRequest "},
+      {"op Reg",
+       json::array({{{"header", header("Reg")}, {"challenge", "c"}, {"policy", acceptPattern()}}})
+           .dump(),
+       60000, "Missing Required Fields: op "},
+      {"bad transaction", authenticationRequest(json::object(), bad), 60000,
+       "Missing Required Fields: transaction "},
+      {"not enrolled", authenticationRequest(), 20001, ""},
+  };
+  for (const auto& row : rows) {
+    const size_t before = host.recorder->outcomes.size();
+    host.corvane->doAuthentication(DoAuthReq{row.request, "alice", {}, ""});
+    ASSERT_EQ(host.recorder->outcomes.size(), before + 1) << row.name;
+    EXPECT_EQ(host.last().error,
+              Error::corvane(
+                  row.code, row.text.empty() ? std::nullopt : std::optional<std::string>(row.text)))
+        << row.name;
+  }
+
+  const struct {
+    const char* name;
+    std::string request;
+    int64_t code;
+    std::string text;
+  } supportedRows[] = {
+      {"not JSON", "{", 60001, "JSON Serialization error."},
+      {"no message of version 1.1", "[{}]", 60001, "JSON Serialization error."},
+      {"fields",
+       json::array({{{"header", header("Dereg")},
+                     {"policy", {{"accepted", json::array({1, json::array({2})})}}}}})
+           .dump(),
+       60000, "Missing Required Fields: username accepted accepted op "},
+  };
+  for (const auto& row : supportedRows) {
+    Error error;
+    EXPECT_FALSE(host.corvane->getSupportedAuthenticator(row.request, &error)) << row.name;
+    EXPECT_EQ(error, Error::corvane(row.code, row.text)) << row.name;
+  }
+  // With the pattern lock switched off nothing is active.
+  Host inactive(false);
+  Error error;
+  EXPECT_FALSE(inactive.corvane->getSupportedAuthenticator(registrationRequest("a"), &error));
+  EXPECT_EQ(error, Error::corvane(40004, "no active authenticator."));
+}
+
+TEST(FlowsTest, AaidLookUps) {
+  AuthenticatorInfo enrolled;
+  enrolled.aaid = "0F3D#0002";
+  enrolled.status = 4;
+  AuthenticatorInfo supported;
+  supported.aaid = "0F3D#0001";
+  supported.status = 2;
+  const std::vector<AuthenticatorInfo> infos = {supported, enrolled};
+  EXPECT_TRUE(isAaidInAuthenticatorInfoArray("0F3D#0001", infos));
+  EXPECT_FALSE(isAaidInAuthenticatorInfoArray("0f3d#0001", infos));
+  EXPECT_TRUE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0002", infos));
+  EXPECT_FALSE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0001", infos));
+}
+
+}  // namespace
+}  // namespace corvane
