@@ -108,11 +108,14 @@ TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
   ASSERT_TRUE(first.report.ok()) << first.report.text();
   AuthenticationOptions withText;
   withText.transactionText = "Pay 10 EUR to Bob";
-  withText.wbEncryptionData = "c2VjcmV0";
+  withText.wbEncryptionData = "c2VjcmV0LWRhdGEtZm9yLWFsaWNl";
+  const std::string request = authRequest(withText);
   Bend bend;
-  bend.wbEncryptionData = "c2VjcmV0";
+  bend.wbEncryptionData =
+      RpDriver::wbCipher(rp_->userSecret("alice").value(), request, *withText.wbEncryptionData);
+  ASSERT_EQ(bend.wbEncryptionData->size(), 2 * withText.wbEncryptionData->size());
   const AuthenticationOutcome second =
-      rp_->receiveAuthentication(driver_.signResponse(authRequest(withText), 3, bend));
+      rp_->receiveAuthentication(driver_.signResponse(request, 3, bend));
   ASSERT_TRUE(second.report.ok()) << second.report.text();
   EXPECT_EQ(names(second.report),
             "challenge.known challenge.unexpired challenge.unused request.json response.json "
@@ -225,13 +228,23 @@ TEST_F(RelyingPartyTest, RefusesEachBadResponseByTheNamedCheck) {
          bend.transactionText = "Pay 10 EUR to Bob";
          return t.driver_.signResponse(t.authRequest(), 51, bend);
        }},
-      {"wb_encryption data not the data sent", "extension.wb_encryption",
+      {"wb_encryption enciphering other data", "extension.wb_encryption",
+       [](RelyingPartyTest& t) {
+         AuthenticationOptions options;
+         options.wbEncryptionData = "c2VudA";
+         const std::string request = t.authRequest(options);
+         Bend bend;
+         bend.wbEncryptionData =
+             RpDriver::wbCipher(t.rp_->userSecret("alice").value(), request, "b3RoZXI");
+         return t.driver_.signResponse(request, 52, bend);
+       }},
+      {"wb_encryption sent back in clear", "extension.wb_encryption",
        [](RelyingPartyTest& t) {
          AuthenticationOptions options;
          options.wbEncryptionData = "c2VudA";
          Bend bend;
-         bend.wbEncryptionData = "b3RoZXI";
-         return t.driver_.signResponse(t.authRequest(options), 52, bend);
+         bend.wbEncryptionData = "c2VudA";
+         return t.driver_.signResponse(t.authRequest(options), 53, bend);
        }},
       {"key that was never registered", "registration.known",
        [&](RelyingPartyTest& t) { return stranger.signResponse(t.authRequest(), 60); }},

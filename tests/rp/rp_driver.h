@@ -12,9 +12,12 @@
 
 #include "authenticator/tlv_helper.h"
 #include "client/messages/fc_params.h"
+#include "corvane-rp/core/wb_extension.h"
+#include "crypto/aes_wb_helper.h"
 #include "crypto/attestation_material.h"
 #include "foundation/utils.h"
 #include "storage/keychain_rig.h"
+#include "tablegen/whitebox_generator.h"
 
 namespace corvane::testing {
 
@@ -25,13 +28,17 @@ struct Bend {
   std::optional<std::string> facetID;           // fcParams facetID (default kRpFacetID)
   std::optional<std::string> appID;             // fcParams appID (default the request's)
   std::optional<std::string> transactionText;   // text hashed into the sign assertion
-  std::optional<std::string> wbEncryptionData;  // wb_encryption extension data to sign
+  std::optional<std::string> wbEncryptionData;  // wb_encryption extension data to sign (hex)
   std::function<void(Bytes&)> assertion;        // applied to the assertion bytes
 };
 
 class RpDriver {
  public:
-  RpDriver() { publicKey_ = attesting_.generate256EcKeyPair("pub", kTag).value_or(Bytes()); }
+  // `keyText` fixes the key ID (64 characters); a random one otherwise.
+  explicit RpDriver(std::optional<std::string> keyText = std::nullopt) {
+    if (keyText) keyText_ = *keyText;
+    publicKey_ = attesting_.generate256EcKeyPair("pub", kTag).value_or(Bytes());
+  }
 
   bool ready() const { return publicKey_.size() == 91; }
 
@@ -69,6 +76,23 @@ class RpDriver {
       std::optional<std::string> assertion = helper_.getAuthAssertions(fields, kTag);
       return assertion ? Utils::decodeBase64Url(*assertion).value_or(Bytes()) : Bytes();
     });
+  }
+
+  // What a client sends back in the "wb_encryption" extension: `plain` enciphered with the user's
+  // tables (made here from the relying party's secret, as the bundle is) under the IV of the
+  // request's challenge, as hex.
+  static std::string wbCipher(const rp::WbUserSecret& secret, const std::string& request,
+                              std::string_view plain) {
+    namespace wb = whitebox;
+    const std::string challenge = nlohmann::json::parse(request)[0]["challenge"];
+    const auto authXor = wb::authXorFromBlob(wb::builtinBlob());
+    const auto codebook = authXor ? wb::XorCodebook::recover(*authXor) : std::nullopt;
+    const auto tables = codebook ? wb::generateRoundTables(secret.key, *codebook) : std::nullopt;
+    if (!tables) return "";
+    const std::optional<Bytes> cipher = AesWBHelper::encryptAesWB(
+        asBytes(plain), AesWBHelper::generateIV(challenge), tables->tyboxes, tables->tboxesLast,
+        tables->mbl, secret.externalEncoding);
+    return cipher ? hexadecimalString(*cipher) : "";
   }
 
   // The response with its assertion bytes replaced.

@@ -1,5 +1,7 @@
 #include "corvane-rp/core/relying_party.h"
 
+#include <openssl/crypto.h>
+
 #include <chrono>
 #include <nlohmann/json.hpp>
 
@@ -30,10 +32,52 @@ Result<std::string> newChallenge() {
   return Utils::base64URLSafeStringFromData(*random);
 }
 
+// 16 random byte permutations (Fisher-Yates over rejection-sampled random bytes).
+std::optional<Bytes> randomExternalEncoding() {
+  Bytes encoding(16 * 256);
+  for (size_t k = 0; k < 16; ++k) {
+    uint8_t* permutation = encoding.data() + 256 * k;
+    for (size_t v = 0; v < 256; ++v) permutation[v] = static_cast<uint8_t>(v);
+    for (size_t i = 255; i > 0; --i) {
+      size_t j = 256;
+      while (j > i) {
+        std::optional<Bytes> random = Utils::randomBytesWithLength(1);
+        if (!random) return std::nullopt;
+        // Keep the largest multiple of i + 1 below 256 to stay uniform.
+        const size_t limit = 256 - 256 % (i + 1);
+        if ((*random)[0] < limit) j = (*random)[0] % (i + 1);
+      }
+      std::swap(permutation[i], permutation[j]);
+    }
+  }
+  return encoding;
+}
+
 }  // namespace
 
 RelyingParty::RelyingParty(RpStore& store, RelyingPartyConfig config)
-    : store_(store), config_(std::move(config)) {}
+    : store_(store), config_(std::move(config)) {
+  if (!config_.trust.wbSecretFor) {
+    config_.trust.wbSecretFor = [this](std::string_view username) -> std::optional<WbUserSecret> {
+      Result<std::optional<WbUserSecret>> secret = store_.userSecret(username);
+      return secret ? *secret : std::nullopt;
+    };
+  }
+}
+
+Result<WbUserSecret> RelyingParty::userSecret(std::string_view username) {
+  Result<std::optional<WbUserSecret>> stored = store_.userSecret(username);
+  if (!stored) return stored.error();
+  if (*stored) return std::move(**stored);
+  std::optional<Bytes> key = Utils::randomBytesWithLength(32);
+  std::optional<Bytes> encoding = randomExternalEncoding();
+  if (!key || !encoding) return Error::corvane(1, "no random bytes for a user secret");
+  WbUserSecret secret{SecretBytes(*key), std::move(*encoding)};
+  OPENSSL_cleanse(key->data(), key->size());
+  Result<void> saved = store_.saveUserSecret(username, secret);
+  if (!saved) return saved.error();
+  return secret;
+}
 
 int64_t RelyingParty::now() const {
   if (config_.clock) return config_.clock();

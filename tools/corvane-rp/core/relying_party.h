@@ -49,6 +49,10 @@ class RelyingParty {
   RegistrationOutcome receiveRegistration(std::string_view responseText);
   AuthenticationOutcome receiveAuthentication(std::string_view responseText);
 
+  // The user's white-box secret, made (a random AES-256 key and random external encoding) and
+  // stored on first use.
+  [[nodiscard]] Result<WbUserSecret> userSecret(std::string_view username);
+
   const RelyingPartyConfig& config() const { return config_; }
 
  private:

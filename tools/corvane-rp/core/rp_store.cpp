@@ -27,6 +27,16 @@ class Statement {
     return sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()),
                              SQLITE_TRANSIENT) == SQLITE_OK;
   }
+  bool bind(int index, ByteView blob) {
+    return sqlite3_bind_blob(statement_, index, blob.data(), static_cast<int>(blob.size()),
+                             SQLITE_TRANSIENT) == SQLITE_OK;
+  }
+  ByteView blob(int column) const {
+    const void* value = sqlite3_column_blob(statement_, column);
+    return value ? ByteView(static_cast<const uint8_t*>(value),
+                            static_cast<size_t>(sqlite3_column_bytes(statement_, column)))
+                 : ByteView();
+  }
   bool bind(int index, int64_t value) {
     return sqlite3_bind_int64(statement_, index, value) == SQLITE_OK;
   }
@@ -45,7 +55,9 @@ constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS pending (challenge TEXT PRIMARY KEY, request TEXT NOT NULL, "
     "expires INTEGER NOT NULL, used INTEGER NOT NULL DEFAULT 0);"
     "CREATE TABLE IF NOT EXISTS registrations (aaid TEXT NOT NULL, keyID TEXT NOT NULL, "
-    "record TEXT NOT NULL, PRIMARY KEY (aaid, keyID));";
+    "record TEXT NOT NULL, PRIMARY KEY (aaid, keyID));"
+    "CREATE TABLE IF NOT EXISTS user_secrets (user TEXT PRIMARY KEY, key BLOB NOT NULL, "
+    "encoding BLOB NOT NULL);";
 
 }  // namespace
 
@@ -139,6 +151,29 @@ Result<void> RpStore::deleteRegistration(std::string_view aaid, std::string_view
   Statement s(db_, "DELETE FROM registrations WHERE aaid = ? AND keyID = ?");
   if (!s.ok() || !s.bind(1, aaid) || !s.bind(2, keyID) || sqlite3_step(s.get()) != SQLITE_DONE) {
     return storeError(db_, "cannot delete the registration");
+  }
+  return {};
+}
+
+Result<std::optional<WbUserSecret>> RpStore::userSecret(std::string_view username) {
+  Statement s(db_, "SELECT key, encoding FROM user_secrets WHERE user = ?");
+  if (!s.ok() || !s.bind(1, std::string_view(Utils::sha256(username)))) {
+    return storeError(db_, "cannot read the user secrets");
+  }
+  const int step = sqlite3_step(s.get());
+  if (step == SQLITE_DONE) return std::optional<WbUserSecret>();
+  if (step != SQLITE_ROW) return storeError(db_, "cannot read the user secrets");
+  const ByteView encoding = s.blob(1);
+  return std::optional<WbUserSecret>(
+      WbUserSecret{SecretBytes(s.blob(0)), Bytes(encoding.begin(), encoding.end())});
+}
+
+Result<void> RpStore::saveUserSecret(std::string_view username, const WbUserSecret& secret) {
+  Statement s(db_, "INSERT OR REPLACE INTO user_secrets (user, key, encoding) VALUES (?, ?, ?)");
+  if (!s.ok() || !s.bind(1, std::string_view(Utils::sha256(username))) ||
+      !s.bind(2, secret.key.exposeSecret()) || !s.bind(3, ByteView(secret.externalEncoding)) ||
+      sqlite3_step(s.get()) != SQLITE_DONE) {
+    return storeError(db_, "cannot store the user secret");
   }
   return {};
 }

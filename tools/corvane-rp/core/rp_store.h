@@ -1,5 +1,6 @@
 // RpStore: the relying party's state in one SQLite file: the requests it issued (by challenge,
-// with their deadline and whether a response already used them) and the registered keys.
+// with their deadline and whether a response already used them), the registered keys and each
+// user's white-box secret.
 //
 // Not thread-safe: one caller at a time (the server serialises its handlers).
 #pragma once
@@ -42,6 +43,10 @@ class RpStore {
 
   [[nodiscard]] Result<std::vector<Registration>> registrations();
   [[nodiscard]] Result<void> deleteRegistration(std::string_view aaid, std::string_view keyID);
+
+  // The white-box secret of a user (kept under the SHA-256 hex of the user name).
+  [[nodiscard]] Result<std::optional<WbUserSecret>> userSecret(std::string_view username);
+  [[nodiscard]] Result<void> saveUserSecret(std::string_view username, const WbUserSecret& secret);
 
  private:
   explicit RpStore(sqlite3* db) : db_(db) {}

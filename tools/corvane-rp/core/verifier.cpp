@@ -282,7 +282,8 @@ void verifyRegAssertion(const IssuedRequest& request, const Framing& framing, co
 }
 
 void verifySignAssertion(const IssuedRequest& request, const Framing& framing, const Bytes& bytes,
-                         std::span<const Registration> known, AuthenticationOutcome& outcome) {
+                         std::span<const Registration> known, const TrustSettings& trust,
+                         AuthenticationOutcome& outcome) {
   Report& report = outcome.report;
   Result<SignAssertion> parsed = parseSignAssertion(bytes);
   if (!report.check("tlv.structure", parsed.ok(),
@@ -343,13 +344,24 @@ void verifySignAssertion(const IssuedRequest& request, const Framing& framing, c
     const auto found =
         std::find_if(a.extensions.begin(), a.extensions.end(),
                      [](const ParsedExtension& e) { return e.id == kExtensionWbEncryption; });
-    // The extension carries back the data the request sent, as the authenticator signed it.
+    std::optional<WbUserSecret> secret;
+    if (registration && trust.wbSecretFor) secret = trust.wbSecretFor(registration->username);
+    std::optional<Bytes> plain;
+    if (found != a.extensions.end() && secret) {
+      plain = decipherWbExtension(*secret, request.challenge, asText(found->data));
+    }
+    std::string reason;
+    if (found == a.extensions.end()) {
+      reason = "the signed data carries no wb_encryption extension";
+    } else if (!secret) {
+      reason = "no white-box key for the registered user";
+    } else if (!plain) {
+      reason = "the wb_encryption data is not hex of a ciphertext";
+    } else {
+      reason = "the wb_encryption data does not decipher to the data that was sent";
+    }
     report.check("extension.wb_encryption",
-                 found != a.extensions.end() &&
-                     asText(found->data) == std::string_view(*request.wbEncryptionData),
-                 found == a.extensions.end()
-                     ? "the signed data carries no wb_encryption extension"
-                     : "the wb_encryption extension does not carry the data that was sent");
+                 plain && equalBytes(*plain, asBytes(*request.wbEncryptionData)), reason);
   }
 
   if (!report.ok() || !registration) return;
@@ -484,7 +496,7 @@ void verifyAuthentication(std::string_view requestText, std::string_view respons
   if (!checkFraming(*request, responseText, trust, report, framing)) return;
   for (const auto& assertion : framing.assertions) {
     std::optional<Bytes> bytes = decodeAssertion(assertion, report);
-    if (bytes) verifySignAssertion(*request, framing, *bytes, known, outcome);
+    if (bytes) verifySignAssertion(*request, framing, *bytes, known, trust, outcome);
   }
   if (!report.ok()) outcome.updated.clear();
 }

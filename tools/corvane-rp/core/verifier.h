@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "corvane-rp/core/report.h"
+#include "corvane-rp/core/wb_extension.h"
 #include "foundation/result.h"
 #include "foundation/utils.h"
 
@@ -53,6 +55,8 @@ struct TrustSettings {
   std::vector<std::string> trustedFacetIds;
   // PEM text of the attestation roots.
   std::string attestationRootsPem;
+  // The white-box secret of a user, for reading a "wb_encryption" extension; none when empty.
+  std::function<std::optional<WbUserSecret>(std::string_view username)> wbSecretFor;
 };
 
 struct RegistrationOutcome {
