@@ -5,6 +5,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <unistd.h>
+#include <functional>
 
 #include "crypto/openssl_handles.h"
 
