@@ -248,6 +248,13 @@ TEST_F(RelyingPartyTest, RefusesEachBadResponseByTheNamedCheck) {
        }},
       {"key that was never registered", "registration.known",
        [&](RelyingPartyTest& t) { return stranger.signResponse(t.authRequest(), 60); }},
+      {"another user's key", "registration.known",
+       [&](RelyingPartyTest& t) {
+         const std::string request = t.rp_->registrationRequest("bob").value();
+         EXPECT_TRUE(
+             t.rp_->receiveRegistration(stranger.registrationResponse(request)).report.ok());
+         return stranger.signResponse(t.authRequest(), 61);
+       }},
   };
   for (const Refusal& row : rows) {
     SCOPED_TRACE(row.name);

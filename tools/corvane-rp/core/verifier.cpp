@@ -52,8 +52,8 @@ Result<json> singleMessage(std::string_view text, std::string_view what) {
   return (*parsed)[0];
 }
 
-void collectAaids(const json& criteria, std::vector<std::string>& out) {
-  const json* aaids = member(criteria, "aaid");
+void collectStrings(const json& criteria, std::string_view key, std::vector<std::string>& out) {
+  const json* aaids = member(criteria, key);
   if (!aaids || !aaids->is_array()) return;
   for (const json& aaid : *aaids) {
     if (aaid.is_string()) out.push_back(aaid.get<std::string>());
@@ -308,12 +308,13 @@ void verifySignAssertion(const IssuedRequest& request, const Framing& framing, c
   for (const Registration& r : known) {
     if (r.aaid == a.aaid && r.keyID == keyID) registration = &r;
   }
-  if (registration && request.username && !request.username->empty() &&
-      registration->username != *request.username) {
-    registration = nullptr;
-  }
-  report.check("registration.known", registration != nullptr,
-               "no key registered for AAID " + a.aaid + " and key ID " + keyID);
+  const auto& asked = request.acceptedKeyIDs;
+  const bool askedFor =
+      asked.empty() || std::find(asked.begin(), asked.end(), keyID) != asked.end();
+  report.check("registration.known", registration != nullptr && askedFor,
+               registration ? "the policy does not name key ID " + keyID
+                            : "no key registered for AAID " + a.aaid + " and key ID " + keyID);
+  if (!askedFor) registration = nullptr;
   if (registration) {
     Result<PkeyPtr> key = parsePublicKeyDer(registration->publicKey);
     Result<void> verified = key ? verifySignature(key->get(), a.info.signatureAlgorithm,
@@ -398,12 +399,17 @@ Result<IssuedRequest> IssuedRequest::fromJson(std::string_view text) {
     if (const json* accepted = member(*policy, "accepted"); accepted && accepted->is_array()) {
       for (const json& set : *accepted) {
         if (!set.is_array()) continue;
-        for (const json& criteria : set) collectAaids(criteria, out.acceptedAaids);
+        for (const json& criteria : set) {
+          collectStrings(criteria, "aaid", out.acceptedAaids);
+          collectStrings(criteria, "keyIDs", out.acceptedKeyIDs);
+        }
       }
     }
     if (const json* disallowed = member(*policy, "disallowed");
         disallowed && disallowed->is_array()) {
-      for (const json& criteria : *disallowed) collectAaids(criteria, out.disallowedAaids);
+      for (const json& criteria : *disallowed) {
+        collectStrings(criteria, "aaid", out.disallowedAaids);
+      }
     }
   }
   if (const json* transactions = member(*message, "transaction");

@@ -31,6 +31,7 @@ struct IssuedRequest {
   std::optional<std::string> username;
   std::vector<std::string> acceptedAaids;  // empty: the policy names no AAID
   std::vector<std::string> disallowedAaids;
+  std::vector<std::string> acceptedKeyIDs;      // empty: the policy names no key
   std::optional<std::string> transactionText;   // decoded content of the text/plain transaction
   std::optional<std::string> wbEncryptionData;  // data of a "wb_encryption" header extension
 
