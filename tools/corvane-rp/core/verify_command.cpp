@@ -98,8 +98,8 @@ int runVerifyCommand(const std::vector<std::string>& args, const std::string& de
   const std::optional<std::string> response = readAll(*responsePath);
   if (!request) return usage(err, "cannot read " + *requestPath);
   if (!response) return usage(err, "cannot read " + *responsePath);
-  const bool authentication =
-      IssuedRequest::fromJson(*request).ok() && IssuedRequest::fromJson(*request)->op == "Auth";
+  const Result<IssuedRequest> issued = IssuedRequest::fromJson(*request);
+  const bool authentication = issued && issued->op == "Auth";
 
   const Report* report = nullptr;
   std::vector<Registration> records;
