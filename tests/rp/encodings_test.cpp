@@ -4,6 +4,8 @@
 #include <openssl/core_names.h>
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <nlohmann/json.hpp>
 
@@ -89,6 +91,44 @@ struct Encoding {
   uint16_t signatureAlgorithm;
 };
 
+// A certificate for `subject` issued by `issuer` with `issuerKey` (self-signed when null).
+X509Ptr certificate(EVP_PKEY* subject, const char* name, EVP_PKEY* issuerKey, X509* issuer,
+                    bool ca) {
+  X509Ptr cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
+  X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer ? issuer : cert.get()));
+  X509_set_pubkey(cert.get(), subject);
+  X509V3_CTX context;
+  X509V3_set_ctx_nodb(&context);
+  X509V3_set_ctx(&context, issuer ? issuer : cert.get(), cert.get(), nullptr, nullptr, 0);
+  X509ExtensionPtr constraints(X509V3_EXT_conf_nid(nullptr, &context, NID_basic_constraints,
+                                                   ca ? "critical,CA:TRUE" : "CA:FALSE"));
+  X509_add_ext(cert.get(), constraints.get(), -1);
+  X509_sign(cert.get(), issuerKey, EVP_sha256());
+  return cert;
+}
+
+Bytes der(X509* cert) {
+  unsigned char* out = nullptr;
+  const int size = i2d_X509(cert, &out);
+  Bytes bytes(out, out + size);
+  OPENSSL_free(out);
+  return bytes;
+}
+
+std::string pem(X509* cert) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(bio.get(), cert);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(size));
+}
+
 class ForeignAuthenticator {
  public:
   explicit ForeignAuthenticator(Encoding encoding) : encoding_(encoding) {}
@@ -116,8 +156,15 @@ class ForeignAuthenticator {
     {
       ByteWriter::Element reg = out.openElement(0x3E01);
       out.addBytes(krd.bytes());
-      ByteWriter::Element surrogate = out.openElement(0x3E08);
-      out.addElement(0x2E06, sign(krd.bytes()));
+      if (attestationKey_) {
+        // Basic full: the attestation key signs, its certificate (and chain) follow.
+        ByteWriter::Element full = out.openElement(0x3E07);
+        out.addElement(0x2E06, derSignature(attestationKey_, krd.bytes()));
+        for (const Bytes& certificate : chain_) out.addElement(0x2E05, certificate);
+      } else {
+        ByteWriter::Element surrogate = out.openElement(0x3E08);
+        out.addElement(0x2E06, sign(krd.bytes()));
+      }
     }
     return out.finish().value_or(Bytes());
   }
@@ -150,6 +197,11 @@ class ForeignAuthenticator {
   }
 
   EVP_PKEY* key() const { return key_.get(); }
+  // Attest with basic full: `key` signs (DER), `chain` is the certificate list, leaf first.
+  void attestWith(EVP_PKEY* key, std::vector<Bytes> chain) {
+    attestationKey_ = key;
+    chain_ = std::move(chain);
+  }
 
  private:
   Bytes sign(ByteView message) {
@@ -158,6 +210,8 @@ class ForeignAuthenticator {
   }
 
   Encoding encoding_;
+  EVP_PKEY* attestationKey_ = nullptr;
+  std::vector<Bytes> chain_;
   PkeyPtr key_{EVP_EC_gen("P-256")};
   Bytes keyID_ = Utils::randomBytesWithLength(32).value_or(Bytes(32));
 };
@@ -191,6 +245,56 @@ TEST(ForeignAssertionTest, SurrogateAttestationInEveryEncodingRegistersAndSigns)
     ASSERT_TRUE(auth.report.ok()) << auth.report.text();
     ASSERT_EQ(auth.updated.size(), 1u);
     EXPECT_EQ(auth.updated[0].signCounter, 1u);
+  }
+}
+
+// Basic full attestation through an intermediate CA: the chain the element carries reaches the
+// root; without the intermediate, or under another root, it does not.
+TEST(ForeignAssertionTest, BasicFullWithAnIntermediateChainsToTheRoot) {
+  PkeyPtr rootKey(EVP_EC_gen("P-256"));
+  PkeyPtr intermediateKey(EVP_EC_gen("P-256"));
+  PkeyPtr attestationKey(EVP_EC_gen("P-256"));
+  X509Ptr root = certificate(rootKey.get(), "Root", rootKey.get(), nullptr, true);
+  X509Ptr intermediate =
+      certificate(intermediateKey.get(), "Intermediate", rootKey.get(), root.get(), true);
+  X509Ptr leaf = certificate(attestationKey.get(), "Attestation", intermediateKey.get(),
+                             intermediate.get(), false);
+  PkeyPtr otherKey(EVP_EC_gen("P-256"));
+  X509Ptr otherRoot = certificate(otherKey.get(), "Root", otherKey.get(), nullptr, true);
+  struct Row {
+    const char* name;
+    std::vector<Bytes> chain;
+    std::string roots;
+    const char* failingCheck;  // null: verifies
+  } rows[] = {
+      {"leaf and intermediate",
+       {der(leaf.get()), der(intermediate.get())},
+       pem(root.get()),
+       nullptr},
+      {"leaf alone", {der(leaf.get())}, pem(root.get()), "attestation.chain"},
+      {"another root",
+       {der(leaf.get()), der(intermediate.get())},
+       pem(otherRoot.get()),
+       "attestation.chain"},
+      {"intermediate first",
+       {der(intermediate.get()), der(leaf.get())},
+       pem(root.get()),
+       "attestation.signature"},
+  };
+  for (Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    ForeignAuthenticator authenticator({"DER", 0x0101, 0x0002});
+    authenticator.attestWith(attestationKey.get(), row.chain);
+    const std::string fc = fcParamsFor("c");
+    TrustSettings trust;
+    trust.attestationRootsPem = row.roots;
+    RegistrationOutcome reg;
+    verifyRegistration(
+        request("Reg", "c"),
+        response("Reg", fc, authenticator.registration(fc, spki(authenticator.key()))), trust, reg);
+    EXPECT_EQ(reg.report.firstFailure().value_or("none"),
+              row.failingCheck ? row.failingCheck : "none")
+        << reg.report.text();
   }
 }
 
