@@ -1,0 +1,317 @@
+// The test relying party against assertions the library makes: a registration and two
+// authentications verify, and every response it must refuse is refused by the check named in the
+// table.
+#include "corvane-rp/core/relying_party.h"
+
+#include <gtest/gtest.h>
+#include <openssl/ec.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+
+#include "crypto/openssl_handles.h"
+#include "rp/rp_driver.h"
+#include "test_files.h"
+
+namespace corvane::rp {
+namespace {
+
+using testing::Bend;
+using testing::RpDriver;
+
+std::string names(const Report& report) {
+  std::string out;
+  for (const CheckResult& c : report.checks()) out += (out.empty() ? "" : " ") + c.name;
+  return out;
+}
+
+// A self-signed P-256 root that signed nothing the library carries.
+std::string otherRootPem() {
+  PkeyPtr key(EVP_EC_gen("P-256"));
+  X509Ptr cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 7);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("Other Root"), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), name);
+  X509_set_pubkey(cert.get(), key.get());
+  X509_sign(cert.get(), key.get(), EVP_sha256());
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(bio.get(), cert.get());
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(size));
+}
+
+class RelyingPartyTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    ASSERT_TRUE(driver_.ready());
+    Result<std::unique_ptr<RpStore>> opened = RpStore::open(":memory:");
+    ASSERT_TRUE(opened);
+    store_ = std::move(*opened);
+    rp_ = std::make_unique<RelyingParty>(*store_, config());
+  }
+
+  RelyingPartyConfig config(std::string roots = "") {
+    RelyingPartyConfig c;
+    c.appID = std::string(testing::kRpAppID);
+    c.trust.trustedFacetIds = {std::string(testing::kRpFacetID)};
+    c.trust.attestationRootsPem =
+        roots.empty() ? testing::readFile(testing::resourcesDir() / "attestation" / "root.pem")
+                      : roots;
+    c.clock = [this] { return now_; };
+    return c;
+  }
+
+  std::string regRequest() { return rp_->registrationRequest("alice").value(); }
+  std::string authRequest(AuthenticationOptions options = {}) {
+    options.username = "alice";
+    return rp_->authenticationRequest(options).value();
+  }
+  void registerAlice() {
+    const RegistrationOutcome outcome =
+        rp_->receiveRegistration(driver_.registrationResponse(regRequest()));
+    ASSERT_TRUE(outcome.report.ok()) << outcome.report.text();
+  }
+
+  RpDriver driver_;
+  int64_t now_ = 1'800'000'000;
+  std::unique_ptr<RpStore> store_;
+  std::unique_ptr<RelyingParty> rp_;
+};
+
+TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
+  const RegistrationOutcome reg =
+      rp_->receiveRegistration(driver_.registrationResponse(regRequest()));
+  ASSERT_TRUE(reg.report.ok()) << reg.report.text();
+  EXPECT_EQ(names(reg.report),
+            "challenge.known challenge.unexpired challenge.unused request.json response.json "
+            "header.upv header.op header.appID header.serverData fcParams.decode fcParams.appID "
+            "fcParams.challenge fcParams.facetID fcParams.channelBinding assertion.scheme "
+            "assertion.decode tlv.structure finalChallengeHash aaid assertionInfo keyID publicKey "
+            "attestation.signature attestation.chain");
+  ASSERT_EQ(reg.registrations.size(), 1u);
+  EXPECT_EQ(reg.registrations[0].aaid, "0F3D#0002");
+  EXPECT_EQ(reg.registrations[0].keyID, driver_.keyID());
+  EXPECT_EQ(reg.registrations[0].username, "alice");
+
+  // The second one confirms a transaction; its sign counter is remembered across both.
+  const AuthenticationOutcome first =
+      rp_->receiveAuthentication(driver_.signResponse(authRequest(), 2));
+  ASSERT_TRUE(first.report.ok()) << first.report.text();
+  AuthenticationOptions withText;
+  withText.transactionText = "Pay 10 EUR to Bob";
+  withText.wbEncryptionData = "c2VjcmV0LWRhdGEtZm9yLWFsaWNl";
+  const std::string request = authRequest(withText);
+  Bend bend;
+  bend.wbEncryptionData =
+      RpDriver::wbCipher(rp_->userSecret("alice").value(), request, *withText.wbEncryptionData);
+  ASSERT_EQ(bend.wbEncryptionData->size(), 2 * withText.wbEncryptionData->size());
+  const AuthenticationOutcome second =
+      rp_->receiveAuthentication(driver_.signResponse(request, 3, bend));
+  ASSERT_TRUE(second.report.ok()) << second.report.text();
+  EXPECT_EQ(names(second.report),
+            "challenge.known challenge.unexpired challenge.unused request.json response.json "
+            "header.upv header.op header.appID header.serverData fcParams.decode fcParams.appID "
+            "fcParams.challenge fcParams.facetID fcParams.channelBinding assertion.scheme "
+            "assertion.decode tlv.structure finalChallengeHash aaid assertionInfo keyID "
+            "registration.known signature signCounter authenticatorNonce transactionHash "
+            "extension.wb_encryption");
+  EXPECT_EQ(store_->registrations()->at(0).signCounter, 3u);
+}
+
+// One row per refusal: how the response is made, and the check that must name it.
+struct Refusal {
+  const char* name;
+  const char* failingCheck;
+  std::function<std::string(RelyingPartyTest&)> respond;
+};
+
+TEST_F(RelyingPartyTest, RefusesEachBadResponseByTheNamedCheck) {
+  registerAlice();
+  RpDriver stranger;
+  auto appendToAssertion = [](Bytes& a) { a.insert(a.end(), {0x0B, 0x2E, 0x00, 0x00}); };
+  // Trailing bytes inside the outer element: its length grows to cover them.
+  auto appendInside = [](Bytes& a) {
+    a.insert(a.end(), {0x0B, 0x2E, 0x00, 0x00});
+    const size_t length = a.size() - 4;
+    a[2] = static_cast<uint8_t>(length);
+    a[3] = static_cast<uint8_t>(length >> 8);
+  };
+  const std::vector<Refusal> rows = {
+      {"replayed registration", "challenge.unused",
+       [](RelyingPartyTest& t) {
+         const std::string response = t.driver_.registrationResponse(t.regRequest());
+         EXPECT_TRUE(t.rp_->receiveRegistration(response).report.ok());
+         return response;
+       }},
+      {"replayed authentication", "challenge.unused",
+       [](RelyingPartyTest& t) {
+         const std::string response = t.driver_.signResponse(t.authRequest(), 10);
+         EXPECT_TRUE(t.rp_->receiveAuthentication(response).report.ok());
+         return response;
+       }},
+      {"unknown challenge", "challenge.known",
+       [](RelyingPartyTest& t) {
+         std::string request = t.regRequest();
+         const size_t at = request.find("\"challenge\":\"") + 13;
+         request[at] = request[at] == 'A' ? 'B' : 'A';
+         return t.driver_.registrationResponse(request);
+       }},
+      {"expired challenge", "challenge.unexpired",
+       [](RelyingPartyTest& t) {
+         const std::string request = t.authRequest();
+         t.now_ += 301;
+         return t.driver_.signResponse(request, 11);
+       }},
+      {"counter that does not rise", "signCounter",
+       [](RelyingPartyTest& t) {
+         EXPECT_TRUE(
+             t.rp_->receiveAuthentication(t.driver_.signResponse(t.authRequest(), 20)).report.ok());
+         return t.driver_.signResponse(t.authRequest(), 20);
+       }},
+      {"counter that falls", "signCounter",
+       [](RelyingPartyTest& t) { return t.driver_.signResponse(t.authRequest(), 1); }},
+      {"other facet ID", "fcParams.facetID",
+       [](RelyingPartyTest& t) {
+         Bend bend;
+         bend.facetID = "android:apk-key-hash:someone-else";
+         return t.driver_.registrationResponse(t.regRequest(), bend);
+       }},
+      {"other appID", "fcParams.appID",
+       [](RelyingPartyTest& t) {
+         Bend bend;
+         bend.appID = "https://evil.example.test/facets.json";
+         return t.driver_.signResponse(t.authRequest(), 30, bend);
+       }},
+      {"attestation not chaining to the root", "attestation.chain",
+       [](RelyingPartyTest& t) {
+         t.rp_ = std::make_unique<RelyingParty>(*t.store_, t.config(otherRootPem()));
+         return t.driver_.registrationResponse(t.regRequest());
+       }},
+      {"bytes after the registration assertion", "tlv.structure",
+       [&](RelyingPartyTest& t) {
+         Bend bend;
+         bend.assertion = appendToAssertion;
+         return t.driver_.registrationResponse(t.regRequest(), bend);
+       }},
+      {"bytes after the last element of a registration", "tlv.structure",
+       [&](RelyingPartyTest& t) {
+         Bend bend;
+         bend.assertion = appendInside;
+         return t.driver_.registrationResponse(t.regRequest(), bend);
+       }},
+      {"bytes after the last element of a sign assertion", "tlv.structure",
+       [&](RelyingPartyTest& t) {
+         Bend bend;
+         bend.assertion = appendInside;
+         return t.driver_.signResponse(t.authRequest(), 40, bend);
+       }},
+      {"transaction hash over other text", "transactionHash",
+       [](RelyingPartyTest& t) {
+         AuthenticationOptions options;
+         options.transactionText = "Pay 10 EUR to Bob";
+         Bend bend;
+         bend.transactionText = "Pay 10000 EUR to Mallory";
+         return t.driver_.signResponse(t.authRequest(options), 50, bend);
+       }},
+      {"transaction hash without a transaction", "assertionInfo",
+       [](RelyingPartyTest& t) {
+         Bend bend;
+         bend.transactionText = "Pay 10 EUR to Bob";
+         return t.driver_.signResponse(t.authRequest(), 51, bend);
+       }},
+      {"wb_encryption enciphering other data", "extension.wb_encryption",
+       [](RelyingPartyTest& t) {
+         AuthenticationOptions options;
+         options.wbEncryptionData = "c2VudA";
+         const std::string request = t.authRequest(options);
+         Bend bend;
+         bend.wbEncryptionData =
+             RpDriver::wbCipher(t.rp_->userSecret("alice").value(), request, "b3RoZXI");
+         return t.driver_.signResponse(request, 52, bend);
+       }},
+      {"wb_encryption sent back in clear", "extension.wb_encryption",
+       [](RelyingPartyTest& t) {
+         AuthenticationOptions options;
+         options.wbEncryptionData = "c2VudA";
+         Bend bend;
+         bend.wbEncryptionData = "c2VudA";
+         return t.driver_.signResponse(t.authRequest(options), 53, bend);
+       }},
+      {"key that was never registered", "registration.known",
+       [&](RelyingPartyTest& t) { return stranger.signResponse(t.authRequest(), 60); }},
+      {"another user's key", "registration.known",
+       [&](RelyingPartyTest& t) {
+         const std::string request = t.rp_->registrationRequest("bob").value();
+         EXPECT_TRUE(
+             t.rp_->receiveRegistration(stranger.registrationResponse(request)).report.ok());
+         return stranger.signResponse(t.authRequest(), 61);
+       }},
+  };
+  for (const Refusal& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string response = row.respond(*this);
+    const bool registration = response.find("\"op\":\"Reg\"") != std::string::npos;
+    const Report report = registration ? rp_->receiveRegistration(response).report
+                                       : rp_->receiveAuthentication(response).report;
+    EXPECT_FALSE(report.ok());
+    EXPECT_EQ(report.firstFailure().value_or("none"), row.failingCheck) << report.text();
+    rp_ = std::make_unique<RelyingParty>(*store_, config());
+  }
+}
+
+// A flipped bit anywhere in an assertion is refused, and nothing is stored or raised for it.
+TEST_F(RelyingPartyTest, RefusesAFlippedBitInEveryBytePosition) {
+  registerAlice();
+  const Bytes reg = RpDriver::assertionOf(driver_.registrationResponse(regRequest()));
+  const Bytes sign = RpDriver::assertionOf(driver_.signResponse(authRequest(), 70));
+  ASSERT_GT(reg.size(), 700u);
+  ASSERT_GT(sign.size(), 200u);
+  std::map<std::string, size_t> failing;
+  for (const auto& [size, isReg] : {std::pair{reg.size(), true}, std::pair{sign.size(), false}}) {
+    for (size_t position = 0; position < size; ++position) {
+      // Each response is fresh (its own challenge); the flip goes into its assertion. A DER
+      // signature may come out a byte shorter, so a position past the end flips the last byte.
+      Bend bend;
+      bend.assertion = [&](Bytes& a) {
+        const size_t at = std::min(position, a.size() - 1);
+        a[at] ^= static_cast<uint8_t>(1u << (position % 8));
+      };
+      const Report report =
+          isReg ? rp_->receiveRegistration(driver_.registrationResponse(regRequest(), bend)).report
+                : rp_->receiveAuthentication(driver_.signResponse(authRequest(), 71, bend)).report;
+      ASSERT_FALSE(report.ok()) << (isReg ? "registration" : "sign") << " byte " << position;
+      ++failing[report.firstFailure().value_or("none")];
+    }
+  }
+  // The flips land in the framing, the signed fields and the signatures alike.
+  for (const char* check : {"tlv.structure", "attestation.signature", "signature"}) {
+    EXPECT_GT(failing[check], 0u) << check;
+  }
+  ASSERT_EQ(store_->registrations()->size(), 1u);
+  EXPECT_EQ(store_->registrations()->at(0).signCounter, 1u);
+}
+
+TEST(SignCounterTest, RisesInSixteenBits) {
+  struct Row {
+    uint32_t last, next;
+    bool rises;
+  } rows[] = {{1, 2, true},           {1, 1, false},           {2, 1, false},
+              {0, 0x7FFF, true},      {0, 0x8000, false},      {0xFFFF, 0, true},
+              {0xFFFE, 0x0003, true}, {0x10005, 0x0006, true}, {5, 0x10005, false},
+              {0x0003, 0xFFFE, false}};
+  for (const Row& row : rows) {
+    EXPECT_EQ(signCounterRises(row.last, row.next), row.rises) << row.last << " -> " << row.next;
+  }
+}
+
+}  // namespace
+}  // namespace corvane::rp
