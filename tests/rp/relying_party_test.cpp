@@ -297,7 +297,7 @@ TEST_F(RelyingPartyTest, RefusesAFlippedBitInEveryBytePosition) {
     EXPECT_GT(failing[check], 0u) << check;
   }
   ASSERT_EQ(store_->registrations()->size(), 1u);
-  EXPECT_EQ(store_->registrations()->at(0).signCounter, 1u);
+  EXPECT_EQ(store_->registrations()->at(0).signCounter, 0u) << "no authentication was accepted";
 }
 
 TEST(SignCounterTest, RisesInSixteenBits) {

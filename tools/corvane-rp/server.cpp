@@ -197,7 +197,7 @@ void route(httplib::Server& server, RelyingParty& rp, RpStore& store, std::mutex
     json ids = rp.config().trust.trustedFacetIds;
     const json document = {
         {"trustedFacets",
-         json::array({{{"version", {{"major", 1}, {"minor", 1}}}, {"ids", ids}}})}};
+         json::array({{{"version", {{"major", 1}, {"minor", 0}}}, {"ids", ids}}})}};
     res.set_content(jsonmodel::dumpJson(document), "application/fido.trusted-apps+json");
   });
   server.Get("/wb/bundle", [&](const httplib::Request& req, httplib::Response& res) {

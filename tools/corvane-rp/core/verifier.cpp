@@ -276,7 +276,9 @@ void verifyRegAssertion(const IssuedRequest& request, const Framing& framing, co
   registration.aaid = a.aaid;
   registration.keyID = Utils::base64URLSafeStringFromData(a.keyID);
   registration.publicKey = std::move(*der);
-  registration.signCounter = a.signCounter;
+  // No authentication was accepted yet: the registration's own counter is not one to rise over
+  // (an authenticator may start its signatures at the counter it registered with).
+  registration.signCounter = 0;
   registration.username = request.username.value_or("");
   outcome.registrations.push_back(std::move(registration));
 }
