@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client/discovery.h"
+#include "corvane-rp/core/verify_command.h"
 #include "corvane/corvane.h"
 #include "corvane/linux_platform.h"
 #include "fakes/manual_scheduler.h"
@@ -169,6 +170,26 @@ Bytes readResponse(const Outcome& outcome, std::string_view challenge) {
   return assertion;
 }
 
+// The relying party's offline verifier on one request and its response; `registration` is the
+// record written by the registration's verification and read by an authentication's.
+void expectVerifies(const testing::TempDir& dir, const std::string& request,
+                    const std::string& response, bool isRegistration) {
+  testing::writeFile(dir.path() / "request.json", request);
+  testing::writeFile(dir.path() / "response.json", response);
+  const std::string registration = (dir.path() / "registration.json").string();
+  std::vector<std::string> args = {"--request",  (dir.path() / "request.json").string(),
+                                   "--response", (dir.path() / "response.json").string(),
+                                   "--facet-id", std::string(kFacet)};
+  args.insert(args.end(), {isRegistration ? "--out" : "--registration", registration});
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_EQ(rp::runVerifyCommand(
+                args, (testing::resourcesDir() / "attestation" / "root.pem").string(), out, err),
+            0)
+      << out.str() << err.str();
+  EXPECT_NE(out.str().find(" passed, 0 failed"), std::string::npos) << out.str();
+}
+
 TEST(FlowsTest, DiscoverRegisterAuthenticate) {
   Host host;
   Error error;
@@ -185,6 +206,8 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
   host.draw(2);
   ASSERT_EQ(host.recorder->outcomes.size(), 1u);
   const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
+  testing::TempDir saved;
+  expectVerifies(saved, registrationRequest("alice"), host.last().response.value_or(""), true);
   const auto krd = elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
   const Bytes publicKey = krd.at(0x2E0C);
   ASSERT_EQ(publicKey.size(), 91u);
@@ -202,18 +225,16 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
 
   const json text = json::array({{{"contentType", "text/plain"}, {"content", "UGF5IDEwIEVVUg"}}});
   for (uint32_t counter : {1u, 2u}) {
-    host.corvane->doAuthentication(
-        DoAuthReq{authenticationRequest(json::object(),
-                                        counter == 2 ? std::optional<json>(text) : std::nullopt),
-                  "alice",
-                  {},
-                  "Alice"});
+    const std::string request = authenticationRequest(
+        json::object(), counter == 2 ? std::optional<json>(text) : std::nullopt);
+    host.corvane->doAuthentication(DoAuthReq{request, "alice", {}, "Alice"});
     if (counter == 2) {
       host.presenter->transaction()->pressConfirm();
     }
     host.draw();
     ASSERT_EQ(host.recorder->outcomes.size(), 1u + counter);
     const Bytes auth = readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U");
+    expectVerifies(saved, request, host.last().response.value_or(""), false);
     ByteReader top(auth);
     std::optional<ByteReader> body = top.readElement(0x3E02);
     ASSERT_TRUE(body);
