@@ -100,6 +100,9 @@ class Corvane {
   // Answers the value read before the write.
   bool isFirstInitialed();
 
+  // The caller's facet ID: "ios:bundle-id:" and the host bundle's identifier; empty without ports.
+  std::string facetID() const;
+
   // The UAF versions, client vendor and authenticators the device offers, as compact JSON text
   // (keys "supportedUAFVersions", "clientVendor", "clientVersion", "availableAuthenticators");
   // absent with the error when the ASM cannot tell.

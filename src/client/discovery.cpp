@@ -160,6 +160,10 @@ bool isAaidInAuthenticatorInfoArrayAndRegistered(std::string_view aaid,
   });
 }
 
+std::string Corvane::facetID() const {
+  return impl_ ? impl_->facetID() : std::string();
+}
+
 std::optional<std::string> Corvane::discover(Error* error) {
   if (!impl_) {
     setError(error, Error::corvane(code(CorvaneStatusCode::UNKNOWN), "Asm getInfo error."));
