@@ -4,10 +4,10 @@
 FUZZ_SECONDS ?= 60
 PACKAGES := build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev \
 	libssl-dev zlib1g-dev libsqlite3-dev libcurl4-openssl-dev nlohmann-json3-dev libplist-dev \
-	libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev
+	libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev curl jq tmux
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: deps test asan fuzz bench format clean
+.PHONY: deps test demo asan fuzz bench format clean
 
 deps:
 	@missing=$$(for p in $(PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
@@ -20,6 +20,12 @@ test: deps
 	cmake --preset default
 	cmake --build --preset default
 	ctest --preset default
+
+# The whole road against the test relying party, with a transcript of each step and its verdict.
+demo: deps
+	cmake --preset default
+	cmake --build --preset default --target corvane-cli corvane-rp
+	bash tools/corvane/demo.sh build/default
 
 asan: deps
 	cmake --preset asan
