@@ -4,7 +4,8 @@
 //   corvane-rp serve --state-dir rp --port 8443 --facet-id ios:bundle-id:com.example.quickstart &
 //   curl -s --cacert rp/ca.pem 'https://127.0.0.1:8443/uaf/reg/request?username=alice' > reg.json
 //   corvane_quickstart reg.json rp/ca.pem data > reg-response.json
-//   curl -s --cacert rp/ca.pem --data-binary @reg-response.json https://127.0.0.1:8443/uaf/reg/response
+//   curl -s --cacert rp/ca.pem --data-binary @reg-response.json
+//   https://127.0.0.1:8443/uaf/reg/response
 //
 // and the same with "auth" and the argument --authenticate alice.
 //
