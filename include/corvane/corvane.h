@@ -56,6 +56,19 @@ struct DoAuthReq {
   std::string displayName;
 };
 
+// One key the server pushes for removal (doDeregistration with an application ID). Empty texts
+// stand for absent ones.
+struct PushedAuthenticator {
+  // The user whose key goes; empty for every user.
+  std::string username;
+  // The authenticator's AAID; a record naming another authenticator than the built-in one is
+  // skipped, an empty one is taken as the built-in one.
+  std::string aaid;
+  // The base64url key ID; empty for every key (of the user, or of the application).
+  std::string keyID;
+  bool operator==(const PushedAuthenticator&) const = default;
+};
+
 // What getSupportedAuthenticator answers: which user verifications the user may use for a request
 // and whether the user is enrolled already.
 struct GetSupportedAuthenticatorResponse {
@@ -124,6 +137,31 @@ class Corvane {
   void doRegistration(const DoRegReq& request);
   // Authenticates a user; the same rules, through onAuthenticationComplete.
   void doAuthentication(const DoAuthReq& request);
+
+  // Deregistration. Each runs on the caller's thread and returns once the stores are written;
+  // none calls the delegate. The out error (may be null) receives the failure; an ASM failure
+  // carries its translated code and no text. Data of one application ID is only removed for a
+  // caller that names it and passes its facet check; see docs/flows.md.
+  //
+  // A UAF deregistration request text from a server: the first authenticator entry of the one
+  // message of version 1.1 is removed, within the request's application ID (its header's appID,
+  // or the caller's facet ID without one). True when the store was written; on success the error
+  // is set too, with code 0.
+  bool doDeregistrationReq(std::string_view req, Error* error);
+  // Every registration of `username`, in every application. An empty name is refused with 60000
+  // "Missing Required Fields: username ".
+  bool doDeregistrationUsername(std::string_view username, Error* error);
+  // The registrations of `username` under `appID` with key ID `keyID`; an empty key ID, user or
+  // appID widens the match to every value of that field. An AAID that is given sends the request
+  // to the built-in authenticator (its value is not compared); absent, to none in particular.
+  bool doDeregistrationWithAaid(std::optional<std::string_view> aaid, std::string_view keyID,
+                                std::string_view appID, std::string_view username, Error* error);
+  // Keys the server of `appID` pushes for removal: each record in order (records naming another
+  // authenticator are skipped), or, for an empty list, every key under `appID`. The appID must be
+  // non-empty (60000 "Missing Required Fields: appID") and trust this application (50000); a
+  // record that fails leaves its error and the walk goes on.
+  void doDeregistration(std::string_view appID,
+                        const std::vector<PushedAuthenticator>& authenticators, Error* error);
 
   // Header type check of one raw UAF message given as JSON text: true when it is malformed, that
   // is when its header's "appID", or failing that its "serverData", is present and neither null

@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <array>
 #include <initializer_list>
 #include <string>
@@ -549,9 +550,107 @@ AsmResponse Asm::getRegistrations(const AsmRequest& request) {
   return response;
 }
 
+Result<std::vector<Asm::RegistrationAddress>> Asm::registrationsOf(
+    const std::optional<std::string>& userHash, const std::optional<std::string>& keyID) {
+  const std::string servicePrefix = joined(kAsmData, "");
+  const std::string accountSuffix = joined("", GenericAuthenticator::kAaid);
+  std::vector<RegistrationAddress> found;
+  // The accounts ("<user hash>.<AAID>") holding the ASM record of one key ID.
+  const auto usersOf = [&](const std::string& kid) -> Result<void> {
+    Result<std::vector<std::string>> accounts =
+        keychain_.findGenericPasswordAccountDescWithService(joined(kAsmData, kid));
+    if (!accounts) return accounts.error();
+    for (const std::string& account : *accounts) {
+      if (!account.ends_with(accountSuffix)) continue;
+      found.push_back({account.substr(0, account.size() - accountSuffix.size()), kid});
+    }
+    return {};
+  };
+  if (userHash && keyID) {
+    found.push_back({*userHash, *keyID});
+  } else if (userHash) {
+    Result<std::vector<std::string>> services =
+        keychain_.findGenericPasswordServicesDescWithAccount(
+            joined(*userHash, GenericAuthenticator::kAaid), joined(kAsmData, *userHash));
+    if (!services) return services.error();
+    for (const std::string& service : *services) {
+      if (service.starts_with(servicePrefix)) {
+        found.push_back({*userHash, service.substr(servicePrefix.size())});
+      }
+    }
+  } else if (keyID) {
+    if (Result<void> listed = usersOf(*keyID); !listed) return listed.error();
+  } else {
+    Result<std::vector<std::string>> services =
+        keychain_.findGenericPasswordServicesDescWithAccount(std::nullopt, std::nullopt);
+    if (!services) return services.error();
+    std::vector<std::string> keyIDs;
+    for (const std::string& service : *services) {
+      if (!service.starts_with(servicePrefix)) continue;
+      std::string kid = service.substr(servicePrefix.size());
+      if (std::find(keyIDs.begin(), keyIDs.end(), kid) == keyIDs.end()) keyIDs.push_back(kid);
+    }
+    for (const std::string& kid : keyIDs) {
+      if (Result<void> listed = usersOf(kid); !listed) return listed.error();
+    }
+  }
+  return found;
+}
+
+Result<bool> Asm::registeredUnder(const RegistrationAddress& address, std::string_view appID) {
+  Result<std::optional<SecretBytes>> value = keychain_.findGenericPasswordWithAccount(
+      joined(address.userHash, GenericAuthenticator::kAaid), joined(kAsmData, address.keyID),
+      joined(kAsmData, address.userHash));
+  if (!value) return value.error();
+  if (!*value) return false;
+  // A record that cannot be read names no application, so it is never taken for this one.
+  std::optional<nlohmann::json> record = parseRecord(**value, nullptr);
+  if (!record) return false;
+  const std::string* stored = stringMember(*record, "appID");
+  const bool same = stored != nullptr && *stored == appID;
+  wipeSecretMembers(*record);
+  return same;
+}
+
+bool Asm::deregisterUnderAppID(const DeregisterIn& args) {
+  const std::optional<std::string> userHash =
+      args.username && !args.username->empty()
+          ? std::optional<std::string>(Utils::sha256(*args.username))
+          : std::nullopt;
+  const std::optional<std::string> keyID =
+      args.keyID && !args.keyID->empty() ? args.keyID : std::nullopt;
+  Result<std::vector<RegistrationAddress>> registrations = registrationsOf(userHash, keyID);
+  if (!registrations) return false;
+  bool kept = true;
+  std::vector<std::string> users;
+  for (const RegistrationAddress& address : *registrations) {
+    Result<bool> match = registeredUnder(address, *args.appID);
+    if (!match) {
+      kept = false;
+      continue;
+    }
+    if (!*match) continue;
+    const std::string account = joined(address.userHash, GenericAuthenticator::kAaid);
+    for (std::string_view prefix : GenericAuthenticator::kRegistrationRecords) {
+      kept &= keychain_.deleteGenericPasswordWithAccount(account, joined(prefix, address.keyID),
+                                                         joined(prefix, address.userHash)) !=
+              StoreStatus::storeError;
+    }
+    if (std::find(users.begin(), users.end(), address.userHash) == users.end()) {
+      users.push_back(address.userHash);
+    }
+  }
+  for (const std::string& user : users) kept = deleteKeyIfOrphaned(user) && kept;
+  return kept;
+}
+
 AsmResponse Asm::deregister(const AsmRequest& request) {
   const DeregisterIn* args = std::get_if<DeregisterIn>(&request.args);
   if (args == nullptr) return statusOnly(kStatusError);
+  // An application ID narrows every form to that application's registrations.
+  if (args->appID && !args->appID->empty()) {
+    return statusOnly(deregisterUnderAppID(*args) ? kStatusOk : kStatusError);
+  }
   const bool hasUser = args->username && !args->username->empty();
   const bool hasKeyID = args->keyID && !args->keyID->empty();
 

@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "asm/asm_records.h"
 #include "asm/corvane_delegate.h"
@@ -87,7 +88,9 @@ class Asm final : public AsmDelegate {
   AsmResponse getRegistrations(const AsmRequest& request);
   // Status 0 for any DeregisterIn, whether or not something matched; status 1 when the arguments
   // are of another kind or the store failed. The key pairs of the registrations removed go too,
-  // once no registration of their user is left.
+  // once no registration of their user is left. A non-empty appID narrows every form (user, key
+  // ID, both, neither) to the registrations whose ASM record names that application ID; without
+  // one, an empty user name and key ID wipe every item of the system.
   AsmResponse deregister(const AsmRequest& request);
 
   void authenticatorRegisterResponse(const RegisterResponseCommand* response,
@@ -122,6 +125,19 @@ class Asm final : public AsmDelegate {
   // Deletes the user's key pair once no ASM record of the user is left; false when the store
   // failed.
   bool deleteKeyIfOrphaned(const std::string& userHash);
+
+  // Where one registration's records are: the user hash and the key ID.
+  struct RegistrationAddress {
+    std::string userHash;
+    std::string keyID;
+  };
+  // The ASM records of a user, of a key ID, of both, or (neither given) every ASM record.
+  Result<std::vector<RegistrationAddress>> registrationsOf(
+      const std::optional<std::string>& userHash, const std::optional<std::string>& keyID);
+  // Whether the ASM record at `address` exists and names `appID`.
+  Result<bool> registeredUnder(const RegistrationAddress& address, std::string_view appID);
+  // The deregister of a request with an appID; false when the store failed.
+  bool deregisterUnderAppID(const DeregisterIn& args);
 
   CorvaneDelegate& corvaneDelegate_;
   Keychain& keychain_;

@@ -42,17 +42,17 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
   const AuthenticationRequest& message = *choice->message;
   const std::optional<Policy>& policy = message.policy;
 
-  std::optional<std::vector<AuthenticatorInfo>> candidates =
-      impl.candidates(policy ? policy->accepted : std::nullopt,
-                      policy ? policy->disallowed : std::nullopt, input.username, false, &error);
+  const std::string facetID = impl.facetID();
+  const std::optional<std::string>& headerAppID = message.header->appID;
+  std::optional<std::vector<AuthenticatorInfo>> candidates = impl.candidates(
+      policy ? policy->accepted : std::nullopt, policy ? policy->disallowed : std::nullopt,
+      input.username, false, applicationIdFor(headerAppID, facetID), &error);
   if (!candidates) return fail(error);
   if (candidates->empty()) {
     return fail(clientError(CorvaneStatusCode::DISALLOW_POLICY, kPolicyNotMetText));
   }
   if (std::optional<Error> refusal = impl.facetRefusal(message.header)) return fail(*refusal);
 
-  const std::string facetID = impl.facetID();
-  const std::optional<std::string>& headerAppID = message.header->appID;
   const std::string fcParams =
       buildFcParams(headerAppID, message.challenge.value_or(std::string()), facetID);
   const AuthenticatorInfo& chosen = candidates->front();

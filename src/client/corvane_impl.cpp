@@ -69,7 +69,7 @@ AsmResponse Corvane::Impl::execute(const AsmRequest& request) {
 
 std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
     const std::optional<nlohmann::json>& accepted, const std::optional<nlohmann::json>& disallowed,
-    const std::string& username, bool isReg, Error* error) {
+    const std::string& username, bool isReg, std::string_view appID, Error* error) {
   AsmRequest getInfo;
   getInfo.requestType = static_cast<uint64_t>(AsmRequestType::kGetInfo);
   const AsmResponse info = execute(getInfo);
@@ -95,7 +95,8 @@ std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
       authenticator.status = kEnrolled;
     }
     Error refusal;
-    if (policy.checkPolicy(&authenticator, accepted, disallowed, isReg, username, &refusal)) {
+    if (policy.checkPolicy(&authenticator, accepted, disallowed, isReg, username, appID,
+                           &refusal)) {
       if (authenticator.status == kEnrolled && first != nullptr) {
         authenticator.uvs = std::vector<std::string>{first->userVerification.value_or("")};
       }

@@ -52,14 +52,19 @@ struct Corvane::Impl final : CorvaneDelegate {
   Asm& assistant();
   // Runs a request that answers by return value.
   AsmResponse execute(const AsmRequest& request);
+  // Runs a deregister request; false with the translated status (and no text) in `error` when
+  // the ASM failed.
+  bool runDeregister(const AsmRequest& request, Error* error);
 
   // The candidate search: the authenticators the policy lists accept for `username`, each marked
   // enrolled (status 4, its key IDs and user verification) when the user has a registration.
-  // Absent with DISALLOW_POLICY when none matched and the policy said why.
+  // Absent with DISALLOW_POLICY when none matched and the policy said why. A registration whose
+  // server does not list the user's key removes the user's registrations under `appID` (the
+  // request's application ID) as stale, and only those.
   [[nodiscard]] std::optional<std::vector<AuthenticatorInfo>> candidates(
       const std::optional<nlohmann::json>& accepted,
       const std::optional<nlohmann::json>& disallowed, const std::string& username, bool isReg,
-      Error* error);
+      std::string_view appID, Error* error);
 
   // The context the request checks run with.
   RequestCheckContext requestCheckContext(const ExtsData& extsData) const;

@@ -6,6 +6,7 @@
 
 #include "authenticator/generic_authenticator.h"
 #include "client/corvane_impl.h"
+#include "client/messages/fc_params.h"
 #include "client/messages/required_fields.h"
 #include "client/messages/uaf_message_array.h"
 #include "json/json_text.h"
@@ -46,6 +47,7 @@ bool validCriteria(const nlohmann::json& criteria) {
 // What getSupportedAuthenticator and checkPolicy read from a request before the candidate search.
 struct PolicyQuestion {
   std::string username;
+  std::optional<std::string> appID;  // the header's, when it is a non-empty string
   std::optional<nlohmann::json> accepted;
   std::optional<nlohmann::json> disallowed;
   bool isReg = false;
@@ -124,6 +126,10 @@ std::optional<PolicyQuestion> readPolicyQuestion(std::string_view request, Error
   }
   PolicyQuestion question;
   question.username = username->get<std::string>();
+  if (const nlohmann::json* appID = header ? member(*header, "appID") : nullptr;
+      appID != nullptr && appID->is_string() && !appID->get_ref<const std::string&>().empty()) {
+    question.appID = appID->get<std::string>();
+  }
   if (accepted != nullptr) question.accepted = *accepted;
   if (disallowed != nullptr) question.disallowed = *disallowed;
   question.isReg = isReg;
@@ -222,7 +228,8 @@ std::optional<GetSupportedAuthenticatorResponse> Corvane::getSupportedAuthentica
     return std::nullopt;
   }
   std::optional<std::vector<AuthenticatorInfo>> candidates = impl_->candidates(
-      question->accepted, question->disallowed, question->username, question->isReg, error);
+      question->accepted, question->disallowed, question->username, question->isReg,
+      applicationIdFor(question->appID, impl_->facetID()), error);
   if (!candidates) return std::nullopt;
 
   std::vector<std::string> userVerifications;
@@ -267,7 +274,8 @@ void Corvane::checkPolicy(std::string_view request, std::string_view userName, b
   std::optional<PolicyQuestion> question = readPolicyQuestion(request, error);
   if (!question || !impl_) return;
   static_cast<void>(impl_->candidates(question->accepted, question->disallowed,
-                                      std::string(userName), isReg, error));
+                                      std::string(userName), isReg,
+                                      applicationIdFor(question->appID, impl_->facetID()), error));
 }
 
 }  // namespace corvane

@@ -50,9 +50,12 @@ void Corvane::doRegistration(const DoRegReq& input) {
   const RegistrationRequest& message = *choice->message;
   const std::optional<Policy>& policy = message.policy;
 
+  const std::string facetID = impl.facetID();
+  const std::optional<std::string>& headerAppID = message.header->appID;
+  const std::string appID = applicationIdFor(headerAppID, facetID);
   std::optional<std::vector<AuthenticatorInfo>> candidates = impl.candidates(
       policy ? policy->accepted : std::nullopt, policy ? policy->disallowed : std::nullopt,
-      message.username.value_or(std::string()), true, &error);
+      message.username.value_or(std::string()), true, appID, &error);
   if (!candidates) return fail(error);
   if (candidates->empty())
     return fail(clientError(CorvaneStatusCode::DISALLOW_POLICY, kPolicyNotMetText));
@@ -62,8 +65,6 @@ void Corvane::doRegistration(const DoRegReq& input) {
   }
   if (std::optional<Error> refusal = impl.facetRefusal(message.header)) return fail(*refusal);
 
-  const std::string facetID = impl.facetID();
-  const std::optional<std::string>& headerAppID = message.header->appID;
   const std::string fcParams =
       buildFcParams(headerAppID, message.challenge.value_or(std::string()), facetID);
   AsmRequest request;
@@ -74,7 +75,7 @@ void Corvane::doRegistration(const DoRegReq& input) {
   request.asmVersion = message.header->upv;
   request.exts = std::move(*exts);
   request.args = RegisterIn{
-      applicationIdFor(headerAppID, facetID), message.username, fcParams,
+      appID, message.username, fcParams,
       input.displayName.empty() ? std::nullopt : std::optional<std::string>(input.displayName)};
 
   impl.tempRes = RegistrationResponse{message.header, fcParams, std::nullopt};

@@ -233,9 +233,10 @@ std::string PolicyHelper::getDeviceModelName() const {
 bool PolicyHelper::checkPolicy(AuthenticatorInfo* authenticator,
                                const std::optional<json>& allowPolicy,
                                const std::optional<json>& disallowPolicy, bool isReg,
-                               std::string_view username, Error* error) const {
+                               std::string_view username, std::string_view appID,
+                               Error* error) const {
   if (authenticator == nullptr) return false;
-  if (findServerEnrolledKeyid(authenticator, disallowPolicy, isReg, username)) return true;
+  if (findServerEnrolledKeyid(authenticator, disallowPolicy, isReg, username, appID)) return true;
 
   const std::string deviceModelName = getDeviceModelName();
   if (const json* disallowed = nonEmptyList(disallowPolicy)) {
@@ -385,20 +386,23 @@ bool PolicyHelper::checkDisallowUv(AuthenticatorInfo* authenticator, const json&
 
 bool PolicyHelper::findServerEnrolledKeyid(const AuthenticatorInfo* authenticator,
                                            const std::optional<json>& disallowPolicy, bool isReg,
-                                           std::string_view username) const {
+                                           std::string_view username,
+                                           std::string_view appID) const {
   constexpr uint64_t kUserEnrolled =
       static_cast<uint64_t>(code(AuthenticatorInfoStatus::AUTHENTICATORINFO_STATUS_USER_ENROLLED));
   if (authenticator == nullptr || !isReg || authenticator->status != kUserEnrolled) return false;
 
   // Sends the ASM Deregister for the user; its answer is of no use here.
-  auto deregister = [this, username](std::optional<uint16_t> authenticatorIndex) {
-    // An empty user name would make the ASM delete the records of every user.
-    if (!asmRequestRunner_ || username.empty()) return;
+  auto deregister = [this, username, appID](std::optional<uint16_t> authenticatorIndex) {
+    // An empty user name would make the ASM delete the records of every user, an empty appID
+    // those of every application.
+    if (!asmRequestRunner_ || username.empty() || appID.empty()) return;
     AsmRequest request;
     request.requestType = static_cast<uint64_t>(AsmRequestType::kDeregister);
     if (authenticatorIndex) request.authenticatorIndex = *authenticatorIndex;
     DeregisterIn args;
     args.username = std::string(username);
+    args.appID = std::string(appID);
     request.args = std::move(args);
     (void)asmRequestRunner_(request);
   };

@@ -60,11 +60,11 @@ class PolicyHelper {
   // them are skipped. False without an error for a null authenticator; false with a
   // DISALLOW_POLICY (40000) error when a disallowed criterion matches or no accepted inner list
   // holds. May narrow `authenticator->uvs` (checkDisallowUv) and may send an ASM Deregister
-  // (findServerEnrolledKeyid).
+  // (findServerEnrolledKeyid) for the user's registrations under `appID`.
   bool checkPolicy(AuthenticatorInfo* authenticator,
                    const std::optional<nlohmann::json>& allowPolicy,
                    const std::optional<nlohmann::json>& disallowPolicy, bool isReg,
-                   std::string_view username, Error* error = nullptr) const;
+                   std::string_view username, std::string_view appID, Error* error = nullptr) const;
 
   // Whether the authenticator satisfies one accepted criterion (false for a null authenticator or
   // a criterion that is not a JSON object).
@@ -88,11 +88,14 @@ class PolicyHelper {
 
   // During a registration for an authenticator the user is enrolled on (status
   // AUTHENTICATORINFO_STATUS_USER_ENROLLED): true when a disallowed criterion names one of its
-  // key IDs (the server knows the key). Otherwise the user's local registrations are stale and an
-  // ASM Deregister for `username` is sent (its response is discarded); false.
+  // key IDs (the server knows the key). Otherwise the user's local registrations under the
+  // request's application ID `appID` are stale and an ASM Deregister for `username` and `appID`
+  // is sent (its response is discarded); false. Registrations under other application IDs belong
+  // to other servers and stay; an empty user name or application ID sends nothing, since either
+  // would widen the Deregister.
   bool findServerEnrolledKeyid(const AuthenticatorInfo* authenticator,
                                const std::optional<nlohmann::json>& disallowPolicy, bool isReg,
-                               std::string_view username) const;
+                               std::string_view username, std::string_view appID) const;
 
   // Whether a criteria object is well formed: types of every known key, the aaid exclusivity rule
   // and the extension entries. Plugs into PolicyCheckContext::checkMatchCriteriaValid.

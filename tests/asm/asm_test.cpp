@@ -387,6 +387,76 @@ TEST(AsmDeregister, DeletesExactlyWhatItsArgumentsName) {
   EXPECT_EQ(rig.record("ASMKH.data", "alice", "k1"), "v");
 }
 
+// With an appID every form keeps to the registrations whose ASM record names it: alice holds a key
+// under each of two applications, bob one under the first, and dave's record cannot be read, so it
+// names no application. A key pair goes only with its user's last registration.
+TEST(AsmDeregister, AnAppIDNarrowsEveryForm) {
+  const std::string x = "https://x.example/app";
+  const std::string y = "https://y.example/app";
+  struct Item {
+    std::string user, keyID, record;
+  };
+  const std::vector<Item> items = {{"alice", "k1", R"({"appID":")" + x + R"("})"},
+                                   {"alice", "k2", R"({"appID":")" + y + R"("})"},
+                                   {"bob", "k3", R"({"appID":")" + x + R"("})"},
+                                   {"dave", "k4", "not json"}};
+  const auto tag = [](std::string_view user) {
+    return "ios:bundle-id:com.example.host.0F3D#0002.PRI." + Utils::sha256(user);
+  };
+  using Name = std::optional<std::string>;
+  const struct {
+    Name user, keyID;
+    std::string appID;
+    std::vector<std::string> left;
+  } cases[] = {
+      {"alice", "", x, {"alice/k2", "bob/k3", "dave/k4", "key alice", "key bob"}},
+      {"alice", "", y, {"alice/k1", "bob/k3", "dave/k4", "key alice", "key bob"}},
+      {"alice", "k1", y, {"alice/k1", "alice/k2", "bob/k3", "dave/k4", "key alice", "key bob"}},
+      {{}, "k3", x, {"alice/k1", "alice/k2", "dave/k4", "key alice"}},
+      {"", "", x, {"alice/k2", "dave/k4", "key alice"}},
+      {"", "", y, {"alice/k1", "bob/k3", "dave/k4", "key alice", "key bob"}},
+      {"carol", "", x, {"alice/k1", "alice/k2", "bob/k3", "dave/k4", "key alice", "key bob"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.user.value_or("(none)") + "/" + c.keyID.value_or("(none)") + "/" + c.appID);
+    AsmRig rig;
+    auto a = rig.make();
+    for (const Item& item : items) {
+      ASSERT_TRUE(rig.putRecord("ASMKH.data", item.user, item.keyID, item.record));
+      ASSERT_TRUE(rig.putRecord("AUTHNR.data", item.user, item.keyID, "v"));
+    }
+    for (std::string_view user : {"alice", "bob"}) {
+      ASSERT_TRUE(rig.keys.keychain->generate256EcKeyPair("PUB", tag(user)));
+    }
+    EXPECT_EQ(
+        a->deregister(request(AsmRequestType::kDeregister, DeregisterIn{c.user, c.appID, c.keyID})),
+        status(0));
+    std::vector<std::string> left;
+    for (const Item& item : items) {
+      const bool asmRecord = rig.record("ASMKH.data", item.user, item.keyID) != "-";
+      const bool authenticatorRecord = rig.record("AUTHNR.data", item.user, item.keyID) != "-";
+      EXPECT_EQ(asmRecord, authenticatorRecord) << item.keyID;
+      if (asmRecord) left.push_back(item.user + "/" + item.keyID);
+    }
+    for (std::string user : {"alice", "bob"}) {
+      if (rig.keys.keychain->signWithECDSASignatureMessageX962SHA256(asBytes("m"), tag(user))) {
+        left.push_back("key " + user);
+      }
+    }
+    EXPECT_EQ(left, c.left);
+    EXPECT_NE(rig.storedToken(), "-");
+  }
+  // A store that cannot be read is a failure, not an empty match.
+  AsmRig rig;
+  auto a = rig.make();
+  ASSERT_TRUE(rig.putRecord("ASMKH.data", "alice", "k1", items[0].record));
+  rig.keys.fake()->failAllReads(true);
+  EXPECT_EQ(a->deregister(request(AsmRequestType::kDeregister, DeregisterIn{"", x, ""})),
+            status(1));
+  rig.keys.fake()->failAllReads(false);
+  EXPECT_NE(rig.record("ASMKH.data", "alice", "k1"), "-");
+}
+
 // The public entry points dispatch each request type to the operation of that name, and run
 // nothing for "openSettings" or a type past the list. Each path runs in a fresh rig holding one
 // registration of alice; what it returns, what the delegate hears, which commands the

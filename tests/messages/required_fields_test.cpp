@@ -215,7 +215,9 @@ TEST(RequiredFieldReportTest, Deregistration) {
   EXPECT_EQ(error, Error::corvane(50001, "Version Error."));
 
   EXPECT_FALSE(checkDeregistrationRequest(std::nullopt, &error));
-  EXPECT_EQ(error.localizedDescription(), std::string(kPrefix) + "DeregistrationRequest ");
+  EXPECT_EQ(error, Error::corvane(60000,
+                                  "Missing Required Fields: DeregistrationRequest upv op "
+                                  "authenticators "));
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ using Tweak = std::function<void(AuthenticatorInfo&)>;
 using Uvs = std::optional<std::vector<std::string>>;
 
 constexpr std::string_view kModel = "iPhone14,2";
+constexpr std::string_view kApp = "https://rp.example/app";
 const std::string kNotAllowed = "aaid:0F3D#0002 policy not allowed. ";
 const std::string kNoAccepted = "aaid:0F3D#0002 not matched with any accepted policy. ";
 const Uvs kBoth = std::vector<std::string>{"biometry", "pattern"};
@@ -70,8 +71,9 @@ class PolicyTableTest : public ::testing::Test {
     AuthenticatorInfo info = basicInfo();
     row.tweak(info);
     Error error(kCorvaneErrorDomain, -1, "untouched");
-    EXPECT_EQ(helper.checkPolicy(&info, list(accepted), list(disallowed), false, "alice", &error),
-              row.verdict);
+    EXPECT_EQ(
+        helper.checkPolicy(&info, list(accepted), list(disallowed), false, "alice", kApp, &error),
+        row.verdict);
     EXPECT_EQ(info.uvs, row.uvsAfter);
     EXPECT_EQ(error, row.verdict ? Error(kCorvaneErrorDomain, -1, "untouched")
                                  : Error::corvane(40000, refusal));
@@ -271,7 +273,7 @@ AsmRequest deregister(int64_t index) {
   AsmRequest request;
   request.requestType = 3;
   request.authenticatorIndex = index;
-  request.args = DeregisterIn{"alice", std::nullopt, std::nullopt};
+  request.args = DeregisterIn{"alice", std::string(kApp), std::nullopt};
   return request;
 }
 
@@ -286,6 +288,7 @@ TEST_F(PolicyTableTest, EnrolledKeySendsDeregisterOnlyWhenTheServerDoesNotKnowIt
     std::string username;
     bool result;
     std::vector<AsmRequest> sent;
+    std::string_view appID = kApp;
   };
   const std::vector<Case> cases = {
       {enrolled(k1), false, "", "alice", false, {}},
@@ -296,12 +299,16 @@ TEST_F(PolicyTableTest, EnrolledKeySendsDeregisterOnlyWhenTheServerDoesNotKnowIt
       {enrolled(k1), true, "", "alice", false, {deregister(8)}},
       {enrolled(k1), true, "[]", "alice", false, {deregister(8)}},
       {enrolled(std::vector<std::string>{}), true, "", "alice", false, {}},
-      {enrolled(k1), true, "", "", false, {}}};
+      {enrolled(k1), true, "", "", false, {}},
+      // Without an application ID the Deregister would reach every application's keys.
+      {enrolled(k1), true, "", "alice", false, {}, ""},
+      {enrolled(k1), true, R"([{"keyIDs":["k9"]}])", "alice", false, {}, ""}};
   for (size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
     requests.clear();
-    EXPECT_EQ(helper.findServerEnrolledKeyid(&c.info, list(c.disallowed), c.isReg, c.username),
-              c.result)
+    EXPECT_EQ(
+        helper.findServerEnrolledKeyid(&c.info, list(c.disallowed), c.isReg, c.username, c.appID),
+        c.result)
         << i;
     EXPECT_EQ(requests, c.sent) << i;
   }
@@ -309,8 +316,8 @@ TEST_F(PolicyTableTest, EnrolledKeySendsDeregisterOnlyWhenTheServerDoesNotKnowIt
   requests.clear();
   AuthenticatorInfo info = enrolled(std::vector<std::string>{"k1"});
   Error error;
-  EXPECT_FALSE(
-      helper.checkPolicy(&info, list("[]"), list(R"([{"keyIDs":["k2"]}])"), true, "alice", &error));
+  EXPECT_FALSE(helper.checkPolicy(&info, list("[]"), list(R"([{"keyIDs":["k2"]}])"), true, "alice",
+                                  kApp, &error));
   EXPECT_EQ(error, Error::corvane(40000, kNoAccepted));
   EXPECT_EQ(requests, std::vector<AsmRequest>{deregister(0)});
 }

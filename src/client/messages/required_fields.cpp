@@ -243,24 +243,26 @@ std::optional<std::vector<Extension>> checkAuthenticationRequest(
 }
 
 bool checkDeregistrationRequest(const std::optional<DeregistrationRequest>& message, Error* error) {
+  // Without a message the report goes on as for an empty one: no header ("upv ", "op ") and no
+  // authenticators.
   RequiredFieldReport report;
-  if (!message) {
-    report.add(fieldlabel::kDeregistrationRequest);
-    setError(error, report.error());
-    return false;
-  }
-  checkHeader(message->header, kOpDereg, report);
-  if (!message->authenticators || message->authenticators->empty()) {
+  if (!message) report.add(fieldlabel::kDeregistrationRequest);
+  const std::optional<OperationHeader> noHeader;
+  const std::optional<OperationHeader>& header = message ? message->header : noHeader;
+  checkHeader(header, kOpDereg, report);
+  const std::vector<DeregisterAuthenticator>* authenticators =
+      message && message->authenticators ? &*message->authenticators : nullptr;
+  if (authenticators == nullptr || authenticators->empty()) {
     report.add(fieldlabel::kAuthenticators);
   }
-  if (message->authenticators) {
-    for (const DeregisterAuthenticator& entry : *message->authenticators) {
+  if (authenticators != nullptr) {
+    for (const DeregisterAuthenticator& entry : *authenticators) {
       if (!DeregisterAuthenticator::checkDeregisterAuthenticator(entry)) {
         report.add(fieldlabel::kAuthenticators);
       }
     }
   }
-  if (!checkHeaderExtensions(message->header, FailIfUnknownRule::kAlways, report, nullptr, error)) {
+  if (!checkHeaderExtensions(header, FailIfUnknownRule::kAlways, report, nullptr, error)) {
     return false;
   }
   if (!report.empty()) {

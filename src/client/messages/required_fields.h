@@ -158,9 +158,11 @@ struct RequestCheckContext {
     const std::optional<AuthenticationRequest>& message, const RequestCheckContext& context,
     Error* error);
 
-// Deregistration: "DeregistrationRequest " (reported at once), appID, serverData, upv,
-// op "Dereg", "authenticators " when the list is absent or empty and once per invalid entry,
-// header extensions (any fail_if_unknown true stops); then upv 1.1.
-bool checkDeregistrationRequest(const std::optional<DeregistrationRequest>& message, Error* error);
+// Deregistration: "DeregistrationRequest " when no message was chosen, then appID, serverData,
+// upv, op "Dereg", "authenticators " when the list is absent or empty and once per invalid entry,
+// header extensions (any fail_if_unknown true stops); then upv 1.1. Without a message the report
+// reads "DeregistrationRequest upv op authenticators ".
+[[nodiscard]] bool checkDeregistrationRequest(const std::optional<DeregistrationRequest>& message,
+                                              Error* error);
 
 }  // namespace corvane

@@ -1,0 +1,520 @@
+// Deregistration through the facade, over the real Linux stores: every refusal with its exact code
+// and text, and, with users registered under two application IDs (the caller's facet ID and an
+// https appID whose trusted-facets document a local server serves), exactly which registrations
+// and keys each operation leaves.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "client/flow_support.h"
+#include "corvane/corvane.h"
+#include "corvane/linux_platform.h"
+#include "fakes/manual_scheduler.h"
+#include "fakes/scripted_presenter.h"
+#include "foundation/utils.h"
+#include "support/test_https_server.h"
+#include "test_files.h"
+#include "test_support.h"
+
+namespace corvane {
+
+void PrintTo(const Error& error, std::ostream* out);
+
+namespace {
+
+using nlohmann::json;
+constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
+constexpr std::string_view kAaid = "0F3D#0002";
+const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
+
+// The item store of the platform, with a switch that makes every call fail.
+class SwitchedItemStore final : public ItemStore {
+ public:
+  explicit SwitchedItemStore(std::shared_ptr<ItemStore> inner) : inner_(std::move(inner)) {}
+  bool failing = false;
+
+  StoreStatus add(const ItemAttributes& item, const SecretBytes& value) override {
+    return failing ? StoreStatus::storeError : inner_->add(item, value);
+  }
+  StoreStatus upsert(const ItemAttributes& item, const SecretBytes& value) override {
+    return failing ? StoreStatus::storeError : inner_->upsert(item, value);
+  }
+  StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) override {
+    return failing ? StoreStatus::storeError : inner_->findFirst(query, value);
+  }
+  StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) override {
+    return failing ? StoreStatus::storeError : inner_->findFirstAttributes(query, attributes);
+  }
+  StoreStatus listServices(const ItemQuery& query, std::vector<std::string>* services) override {
+    return failing ? StoreStatus::storeError : inner_->listServices(query, services);
+  }
+  StoreStatus listAccounts(const ItemQuery& query, std::vector<std::string>* accounts) override {
+    return failing ? StoreStatus::storeError : inner_->listAccounts(query, accounts);
+  }
+  StoreStatus update(const ItemQuery& query, const SecretBytes& value) override {
+    return failing ? StoreStatus::storeError : inner_->update(query, value);
+  }
+  StoreStatus remove(const ItemQuery& query) override {
+    return failing ? StoreStatus::storeError : inner_->remove(query);
+  }
+
+ private:
+  std::shared_ptr<ItemStore> inner_;
+};
+
+class NoDelegate final : public AuthUIControllerDelegate {
+ public:
+  std::vector<Error> outcomes;
+  void onRegistrationComplete(std::optional<std::string>, const Error& error) override {
+    outcomes.push_back(error);
+  }
+  void onAuthenticationComplete(std::optional<std::string>, const Error& error) override {
+    outcomes.push_back(error);
+  }
+};
+
+// A test CA the client trusts and a server whose "/facets" document lists the caller.
+struct FacetServer {
+  FacetServer() {
+    testing::TestHttpServer::Canned document;
+    document.body = std::string(R"({"trustedFacets":[{"version":{"major":1,"minor":0},"ids":[")") +
+                    std::string(kFacet) + R"("]}]})";
+    server.serve("/facets", document);
+    ca.writePem(dir.path() / "ca.pem");
+  }
+  std::string appID() const { return server.url("/facets"); }
+
+  testing::TempDir dir;
+  testing::TestCa ca{"Corvane Test CA"};
+  testing::TestHttpServer server{testing::TestHttpServer::Kind::https, &ca};
+};
+
+class Host {
+ public:
+  explicit Host(const FacetServer& facets) {
+    testing::writeFile(dir.path() / "Host.app" / "Info.plist",
+                       R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                       "<key>CFBundleIdentifier</key><string>com.example.host</string>"
+                       "<key>zandrel_fido_sdk_config</key><dict>"
+                       "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
+                       "<key>zandrel_fido_pattern_lock_active</key><string>Y</string>"
+                       "</dict></dict></plist>");
+    linux_platform::LinuxPlatformOptions options;
+    options.hostBundleDirectory = dir.path() / "Host.app";
+    options.dataDirectory = dir.path() / "data";
+    options.frameworkBundleDirectory = testing::resourcesDir();
+    options.durableWrites = false;
+    options.extraCaFile = facets.dir.path() / "ca.pem";
+    Error error;
+    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
+    EXPECT_TRUE(platform) << error.localizedDescription();
+    items = std::make_shared<SwitchedItemStore>(platform->itemStore);
+    platform->itemStore = items;
+    keys = platform->keyStore;
+    platform->scheduler = scheduler;
+    platform->screenPresenter = presenter;
+    corvane = Corvane::create(delegate, std::move(*platform), &error);
+    EXPECT_TRUE(corvane) << error.localizedDescription();
+  }
+
+  // Registers `user` under `appID` (absent: no header appID), drawing the pattern twice; the
+  // registration's key ID is kept under "<user>@<label>".
+  void enrol(const std::string& user, std::optional<std::string> appID, const std::string& label) {
+    json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Reg"}};
+    if (appID) header["appID"] = *appID;
+    const json request = json::array(
+        {{{"header", header},
+          {"challenge", "Y2hhbGxlbmdl"},
+          {"username", user},
+          {"policy", {{"accepted", json::array({json::array({{{"aaid", {kAaid}}}})})}}}}});
+    corvane->doRegistration(DoRegReq{request.dump(), "pattern", user, {}});
+    scheduler->drain();
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_TRUE(presenter->draw(kPattern)) << user;
+      scheduler->drain();
+    }
+    ASSERT_EQ(delegate->outcomes.back(), Error::corvane(0)) << user;
+    std::vector<std::string> services;
+    ASSERT_EQ(items->listServices({Utils::sha256(user) + ".0F3D#0002", std::nullopt,
+                                   "ASMKH.data." + Utils::sha256(user)},
+                                  &services),
+              StoreStatus::ok);
+    ASSERT_EQ(services.size(), 1u);
+    const std::string keyID = services.front().substr(std::string("ASMKH.data.").size());
+    names[keyID] = user + "@" + label;
+    keyIDs[user] = keyID;
+    users.push_back(user);
+  }
+
+  // What is left: "<user>@<app>" for each registration whose ASM and authenticator records are
+  // both there ("...: ASMKH.data only" and so on otherwise), then "key <user>" for each key pair.
+  std::vector<std::string> left() {
+    std::map<std::string, std::vector<std::string>> records;
+    std::vector<std::string> services;
+    const StoreStatus listed = items->listServices({}, &services);
+    EXPECT_TRUE(listed == StoreStatus::ok || listed == StoreStatus::notFound);
+    for (const std::string& service : services) {
+      for (std::string_view prefix : {"ASMKH.data.", "AUTHNR.data."}) {
+        if (!service.starts_with(prefix)) continue;
+        const std::string keyID = service.substr(prefix.size());
+        const std::string name = names.count(keyID) ? names.at(keyID) : "unknown " + keyID;
+        records[name].push_back(std::string(prefix.substr(0, prefix.size() - 1)));
+      }
+    }
+    std::vector<std::string> out;
+    for (auto& [name, kinds] : records) {
+      std::sort(kinds.begin(), kinds.end());
+      out.push_back(kinds.size() == 2 ? name : name + ": " + kinds.front() + " only");
+    }
+    for (const std::string& user : users) {
+      const std::string tag = std::string(kFacet) + ".0F3D#0002.PRI." + Utils::sha256(user);
+      const uint8_t message[] = {'m'};
+      if (keys->sign(tag, message, nullptr) == StoreStatus::ok) out.push_back("key " + user);
+    }
+    return out;
+  }
+
+  testing::TempDir dir;
+  std::shared_ptr<testing::ManualScheduler> scheduler =
+      std::make_shared<testing::ManualScheduler>();
+  std::shared_ptr<testing::ScriptedPresenter> presenter =
+      std::make_shared<testing::ScriptedPresenter>();
+  std::shared_ptr<NoDelegate> delegate = std::make_shared<NoDelegate>();
+  std::shared_ptr<SwitchedItemStore> items;
+  std::shared_ptr<KeyStore> keys;
+  std::unique_ptr<Corvane> corvane;
+  std::map<std::string, std::string> names;   // key ID to "<user>@<app>"
+  std::map<std::string, std::string> keyIDs;  // user to key ID
+  std::vector<std::string> users;
+};
+
+json deregistrationHeader(std::optional<std::string> appID = std::nullopt) {
+  json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Dereg"}};
+  if (appID) header["appID"] = *appID;
+  return header;
+}
+json entry(std::string_view aaid, std::string_view keyID) {
+  return {{"aaid", aaid}, {"keyID", keyID}};
+}
+std::string deregistrationRequest(json header, json authenticators) {
+  return json::array(
+             {{{"header", std::move(header)}, {"authenticators", std::move(authenticators)}}})
+      .dump();
+}
+
+// An error slot that no operation has written yet.
+Error untouched() {
+  return Error::corvane(-1, "untouched");
+}
+
+TEST(DeregistrationTest, RequestRefusals) {
+  FacetServer facets;
+  Host host(facets);
+  const json valid = json::array({entry(kAaid, "a2V5")});
+  json strict = deregistrationHeader();
+  strict["exts"] =
+      json::array({{{"id", "register_limit"}, {"data", "1"}, {"fail_if_unknown", true}}});
+  json badFields = deregistrationHeader(std::string(513, 'a'));
+  badFields["op"] = "Reg";
+  badFields["serverData"] = "";
+  badFields["exts"] = json::array({{{"id", ""}, {"data", "x"}, {"fail_if_unknown", false}}});
+  json oldVersion = deregistrationHeader();
+  oldVersion["upv"]["minor"] = 0;
+  const struct {
+    const char* name;
+    std::string request;
+    Error error;
+  } rows[] = {
+      {"not JSON", "[{", Error::corvane(60001, "Json Serialization error.")},
+      {"message without authenticators", json::array({{{"header", deregistrationHeader()}}}).dump(),
+       Error::corvane(60001, "Json Serialization error.")},
+      {"mistyped header appID",
+       json::array(
+           {{{"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Dereg"}, {"appID", 7}}},
+             {"authenticators", valid}}})
+           .dump(),
+       Error::corvane(60001, "")},
+      {"two messages of one version",
+       json::array({json::parse(deregistrationRequest(deregistrationHeader(), valid))[0],
+                    json::parse(deregistrationRequest(deregistrationHeader(), valid))[0]})
+           .dump(),
+       Error::corvane(60001, "Multiple UAF Messages with the same version.")},
+      {"no message", "[]",
+       Error::corvane(60000,
+                      "Missing Required Fields: DeregistrationRequest upv op authenticators ")},
+      {"fields in check order", deregistrationRequest(badFields, json::array({entry("", "a2V5")})),
+       Error::corvane(60000,
+                      "Missing Required Fields: appID serverData op authenticators exts.id ")},
+      {"empty list", deregistrationRequest(deregistrationHeader(), json::array()),
+       Error::corvane(60000, "Missing Required Fields: authenticators ")},
+      // An absent keyID in a longer list is already a missing field.
+      {"first entry without keyID",
+       deregistrationRequest(deregistrationHeader(),
+                             json::array({{{"aaid", kAaid}, {"keyID", 5}}, entry(kAaid, "a2V5")})),
+       Error::corvane(60000, "Missing Required Fields: authenticators ")},
+      {"supported extension marked critical", deregistrationRequest(strict, valid),
+       Error::corvane(10000, "The property [fail_if_unknown] is set to true.")},
+      {"version 1.0", deregistrationRequest(oldVersion, valid),
+       Error::corvane(50001, "Version Error.")},
+      {"untrusted appID",
+       deregistrationRequest(deregistrationHeader("https://127.0.0.1:1/app"), valid),
+       Error::corvane(50000,
+                      "facetID:ios:bundle-id:com.example.host is not trusted under "
+                      "https://127.0.0.1:1/app")},
+  };
+  for (const auto& row : rows) {
+    Error error = untouched();
+    EXPECT_FALSE(host.corvane->doDeregistrationReq(row.request, &error)) << row.name;
+    EXPECT_EQ(error, row.error) << row.name;
+  }
+
+  // The ASM's failure arrives translated, without a text.
+  host.items->failing = true;
+  Error error = untouched();
+  EXPECT_FALSE(host.corvane->doDeregistrationReq(
+      deregistrationRequest(deregistrationHeader(), valid), &error));
+  EXPECT_EQ(error, Error::corvane(10000));
+  error = untouched();
+  EXPECT_FALSE(host.corvane->doDeregistrationUsername("alice", &error));
+  EXPECT_EQ(error, Error::corvane(10000));
+  error = untouched();
+  EXPECT_FALSE(host.corvane->doDeregistrationWithAaid(kAaid, "", "", "alice", &error));
+  EXPECT_EQ(error, Error::corvane(10000));
+  error = untouched();
+  host.corvane->doDeregistration(facets.appID(), {{"alice", "", ""}}, &error);
+  EXPECT_EQ(error, Error::corvane(10000));
+  host.items->failing = false;
+
+  // Pushed keys: an appID is required, and must trust the caller even when it is the caller's own.
+  const struct {
+    const char* name;
+    std::string appID;
+    Error error;
+  } pushRows[] = {
+      {"no appID", "", Error::corvane(60000, "Missing Required Fields: appID")},
+      {"own facet ID", std::string(kFacet),
+       Error::corvane(50000,
+                      "facetID:ios:bundle-id:com.example.host is not trusted under "
+                      "ios:bundle-id:com.example.host")},
+  };
+  for (const auto& row : pushRows) {
+    error = untouched();
+    host.corvane->doDeregistration(row.appID, {}, &error);
+    EXPECT_EQ(error, row.error) << row.name;
+  }
+  // The local removal never takes an empty name for every user.
+  error = untouched();
+  EXPECT_FALSE(host.corvane->doDeregistrationUsername("", &error));
+  EXPECT_EQ(error, Error::corvane(60000, "Missing Required Fields: username "));
+}
+
+// The two steps no request of the built-in catalogue reaches through the facade.
+TEST(DeregistrationTest, EntryAndIndexRules) {
+  using Entries = std::vector<DeregisterAuthenticator>;
+  const Error empty =
+      Error::corvane(40002,
+                     "Empty string values for aaid or keyID must occur in the first and only "
+                     "DeregisterAuthenticator object.");
+  const DeregisterAuthenticator one{std::string(kAaid), "a2V5"};
+  const DeregisterAuthenticator noKeyID{std::string(kAaid), std::nullopt};
+  const DeregisterAuthenticator blank{"", ""};
+  const struct {
+    const char* name;
+    Entries entries;
+    std::optional<DeregisterAuthenticator> chosen;
+  } rows[] = {
+      {"one valid", {one}, one},
+      {"two valid: the first", {one, blank}, one},
+      {"empty strings first in a longer list", {blank, one}, blank},
+      {"absent keyID alone", {noKeyID}, noKeyID},
+      {"absent keyID first of two", {noKeyID, one}, std::nullopt},
+      {"absent aaid first of two", {{std::nullopt, ""}, one}, std::nullopt},
+      {"none", {}, std::nullopt},
+  };
+  for (const auto& row : rows) {
+    Result<DeregisterAuthenticator> first = firstDeregisterEntry(row.entries);
+    if (row.chosen) {
+      ASSERT_TRUE(first.ok()) << row.name;
+      EXPECT_EQ(*first, *row.chosen) << row.name;
+    } else {
+      ASSERT_FALSE(first.ok()) << row.name;
+      EXPECT_EQ(first.error(), empty) << row.name;
+    }
+  }
+
+  AuthenticatorInfo builtIn;
+  builtIn.authenticatorIndex = 8;
+  EXPECT_EQ(*deregistrationIndexFor(builtIn, "FFFF#FFFF"), std::optional<int64_t>(8));
+  EXPECT_EQ(*deregistrationIndexFor(builtIn, std::nullopt), std::nullopt);
+  builtIn.authenticatorIndex = 0;
+  EXPECT_EQ(*deregistrationIndexFor(builtIn, std::nullopt), std::nullopt);
+  Result<std::optional<int64_t>> none = deregistrationIndexFor(builtIn, "0F3D#0002");
+  ASSERT_FALSE(none.ok());
+  EXPECT_EQ(none.error(), Error::corvane(40002, "no matched authenticator for aaid:0F3D#0002"));
+  builtIn.authenticatorIndex.reset();
+  EXPECT_FALSE(deregistrationIndexFor(builtIn, "").ok());
+}
+
+// alice and bob registered under the caller's facet ID ("A"), carol under the https appID ("B");
+// each row runs one operation on a fresh device and lists what is left.
+TEST(DeregistrationTest, EachOperationRemovesExactlyWhatItNames) {
+  FacetServer facets;
+  const std::string b = facets.appID();
+  using Keys = std::map<std::string, std::string>;
+  using Action = std::function<bool(Corvane&, const Keys&, Error*)>;
+  const std::string aaid(kAaid);
+  const std::vector<std::string> everything = {"alice@A",   "bob@A",   "carol@B",
+                                               "key alice", "key bob", "key carol"};
+  const std::vector<std::string> withoutCarol = {"alice@A", "bob@A", "key alice", "key bob"};
+  // A registration under B whose policy names no key: the user's key there is taken for stale.
+  const auto registerAgain = [&](Corvane& c, const std::string& user) {
+    const json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Reg"}, {"appID", b}};
+    const json accepted = json::array({json::array({{{"aaid", {kAaid}}}})});
+    c.doRegistration(DoRegReq{json::array({{{"header", header},
+                                            {"challenge", "Y2g"},
+                                            {"username", user},
+                                            {"policy", {{"accepted", accepted}}}}})
+                                  .dump(),
+                              "pattern",
+                              "",
+                              {}});
+    return true;
+  };
+  const struct {
+    const char* name;
+    Action action;
+    bool result;
+    Error error;
+    std::vector<std::string> left;
+  } rows[] = {
+      {"user name: every application",
+       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("alice", e); },
+       true,
+       untouched(),
+       {"bob@A", "carol@B", "key bob", "key carol"}},
+      {"one key",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         return c.doDeregistrationWithAaid(aaid, k.at("bob"), kFacet, "bob", e);
+       },
+       true,
+       untouched(),
+       {"alice@A", "carol@B", "key alice", "key carol"}},
+      {"every key of one application, no AAID",
+       [&](Corvane& c, const Keys&, Error* e) {
+         return c.doDeregistrationWithAaid(std::nullopt, "", b, "", e);
+       },
+       true, untouched(), withoutCarol},
+      {"one key named under the other application",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         return c.doDeregistrationWithAaid(aaid, k.at("alice"), b, "alice", e);
+       },
+       true, untouched(), everything},
+      {"request: first entry with an empty key ID, of two",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         return c.doDeregistrationReq(
+             deregistrationRequest(deregistrationHeader(b),
+                                   json::array({entry(kAaid, ""), entry(kAaid, k.at("alice"))})),
+             e);
+       },
+       true, Error::corvane(0), withoutCarol},
+      {"request: two valid entries, only the first",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         return c.doDeregistrationReq(
+             deregistrationRequest(
+                 deregistrationHeader(),
+                 json::array({entry(kAaid, k.at("alice")), entry(kAaid, k.at("bob"))})),
+             e);
+       },
+       true,
+       Error::corvane(0),
+       {"bob@A", "carol@B", "key bob", "key carol"}},
+      {"request without appID: both empty, within the caller's application",
+       [&](Corvane& c, const Keys&, Error* e) {
+         return c.doDeregistrationReq(
+             deregistrationRequest(deregistrationHeader(), json::array({entry("", "")})), e);
+       },
+       true,
+       Error::corvane(0),
+       {"carol@B", "key carol"}},
+      {"request: a key of another application",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         return c.doDeregistrationReq(
+             deregistrationRequest(deregistrationHeader(b),
+                                   json::array({entry(kAaid, k.at("alice"))})),
+             e);
+       },
+       true, Error::corvane(0), everything},
+      {"push: empty list, one application",
+       [&](Corvane& c, const Keys&, Error* e) {
+         c.doDeregistration(b, {}, e);
+         return true;
+       },
+       true, untouched(), withoutCarol},
+      {"push: empty AAID acted on",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         c.doDeregistration(b, {{"carol", "", k.at("carol")}}, e);
+         return true;
+       },
+       true, untouched(), withoutCarol},
+      {"push: another AAID skipped, another application untouched",
+       [&](Corvane& c, const Keys& k, Error* e) {
+         c.doDeregistration(b, {{"carol", "0F3D#0001", k.at("carol")}, {"alice", aaid, ""}}, e);
+         return true;
+       },
+       true, untouched(), everything},
+      {"push: untrusted application",
+       [&](Corvane& c, const Keys&, Error* e) {
+         c.doDeregistration(kFacet, {}, e);
+         return true;
+       },
+       true,
+       Error::corvane(50000,
+                      "facetID:ios:bundle-id:com.example.host is not trusted under "
+                      "ios:bundle-id:com.example.host"),
+       everything},
+      {"empty user name refused",
+       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("", e); }, false,
+       Error::corvane(60000, "Missing Required Fields: username "), everything},
+      // A registration whose server does not list the user's key takes the user's registration
+      // under that appID for stale; the user's registration under the other one stays.
+      {"stale clean-up at registration, other application",
+       [&](Corvane& c, const Keys&, Error*) { return registerAgain(c, "alice"); }, true,
+       untouched(), everything},
+      {"stale clean-up at registration, same application",
+       [&](Corvane& c, const Keys&, Error*) { return registerAgain(c, "carol"); }, true,
+       untouched(), withoutCarol},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Host host(facets);
+    host.enrol("alice", std::string(kFacet), "A");
+    host.enrol("bob", std::nullopt, "A");
+    host.enrol("carol", b, "B");
+    ASSERT_EQ(host.left(), everything);
+    const size_t outcomes = host.delegate->outcomes.size();
+    Error error = untouched();
+    EXPECT_EQ(row.action(*host.corvane, host.keyIDs, &error), row.result);
+    EXPECT_EQ(error, row.error);
+    EXPECT_EQ(host.left(), row.left);
+    // Deregistration never calls the delegate; the registrations answer once, refused.
+    if (std::string_view(row.name).starts_with("stale")) {
+      ASSERT_EQ(host.delegate->outcomes.size(), outcomes + 1);
+      EXPECT_EQ(host.delegate->outcomes.back(),
+                Error::corvane(20003, "user already enrolled this aaid."));
+    } else {
+      EXPECT_EQ(host.delegate->outcomes.size(), outcomes);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace corvane
