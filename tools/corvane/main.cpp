@@ -371,6 +371,22 @@ int main(int argc, char** argv) {
                                                 *extsData,
                                                 options.get("display-name").value_or("")});
     status = awaitAnswer();
+  } else if (command == "deregister") {
+    bool removed = false;
+    if (options.get("request")) {
+      std::optional<std::string> request = requestText();
+      if (!request) return fail(kMissingField, "Missing Required Fields: request ");
+      removed = client->doDeregistrationReq(*request, &error);
+    } else if (options.get("aaid") || options.get("key-id") || options.get("app-id")) {
+      const std::optional<std::string> aaid = options.get("aaid");
+      removed = client->doDeregistrationWithAaid(
+          aaid ? std::optional<std::string_view>(*aaid) : std::nullopt,
+          options.get("key-id").value_or(""), options.get("app-id").value_or(""),
+          options.get("username").value_or(""), &error);
+    } else {
+      removed = client->doDeregistrationUsername(options.get("username").value_or(""), &error);
+    }
+    status = removed && error.code() == 0 ? 0 : fail(error);
   } else {
     status = fail(kUnknown, "unknown command " + command);
   }
