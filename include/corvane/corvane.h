@@ -79,9 +79,10 @@ class Corvane {
   // nothing, setLanguage() does nothing and the version and model names are empty. A step that
   // fails is skipped (nothing is wiped on a failure). Use create() to have all that reported.
   Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform);
-  // The same, or null with the error: a missing port, stored settings that cannot be read, or a
-  // store that fails during the first-run steps. Only an item store without the installation
-  // marker counts as a fresh installation; a damaged settings file never does.
+  // The same, or null with the error: a missing port, stored settings that cannot be read, a
+  // record database folder that cannot be used, or a store that fails during the first-run steps.
+  // Only an item store without the installation marker counts as a fresh installation; a damaged
+  // settings file never does.
   static std::unique_ptr<Corvane> create(std::shared_ptr<AuthUIControllerDelegate> delegate,
                                          Platform platform, Error* error);
   ~Corvane();
