@@ -17,6 +17,7 @@
 
 #include "corvane/error.h"
 #include "corvane/platform_value.h"
+#include "corvane/sync.h"
 
 namespace corvane {
 
@@ -122,6 +123,20 @@ class Corvane {
   void doRegistration(const DoRegReq& request);
   // Authenticates a user; the same rules, through onAuthenticationComplete.
   void doAuthentication(const DoAuthReq& request);
+
+  // Stores the white-box tables the server issued for a registered user in the record database
+  // (replacing earlier ones), after checking that both halves decode and have the tables' shapes.
+  // The marker "ZANDREL_FIDO_NO_DATA" in either half stores nothing and succeeds. True on
+  // success; otherwise false with the error (docs/API.md lists every code and text), and the
+  // user's tables and registrations are removed so that device and server agree again. A request
+  // without a user name fails without removing anyone's data.
+  bool syncRegData(const std::optional<SyncRegDataRequest>& request, Error* error);
+  // Removes the registrations of `data.appID` that the server no longer holds: each entry names a
+  // user, a key or both; entries naming neither, and an empty list, remove nothing, and an entry
+  // of another authenticator is skipped. An absent or empty appID fails with 60000
+  // "Missing Required Fields: appID" and removes nothing; a failing removal leaves the error of
+  // the last one in the slot and the others still run.
+  void syncServerData(const SyncServerData& data, Error* error);
 
   // Header type check of one raw UAF message given as JSON text: true when it is malformed, that
   // is when its header's "appID", or failing that its "serverData", is present and neither null
