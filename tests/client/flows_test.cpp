@@ -30,7 +30,6 @@ namespace corvane {
 namespace {
 
 using nlohmann::json;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
 const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
 
 }  // namespace
@@ -483,6 +482,9 @@ TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0].wbTable->exposeSecretText(), bundle.data1);
   EXPECT_EQ(stored[0].permutations->exposeSecretText(), bundle.data2);
+  // A second sync replaces the user's row.
+  ASSERT_TRUE(host.corvane->syncRegData(syncRequest("alice", bundle.data1, bundle.data2), &error));
+  EXPECT_EQ(storedTables(host, "alice").size(), 1u);
 
   // 37 bytes: two whole CFB blocks and a partial one.
   const std::string sent = "transfer 100 EUR to bob, ref 2026-11";
