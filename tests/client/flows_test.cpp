@@ -3,6 +3,7 @@
 // every outcome, success and failure, with its exact code and text.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
@@ -436,6 +437,38 @@ Bundle makeBundle(const SecretBytes& key) {
   return {pack(data1.dump()), pack(data2.dump()), *encoding};
 }
 
+// The external encoding a bundle carries, read back from its data2.
+std::vector<uint8_t> encodingOf(std::string_view data2) {
+  const Bytes text = Utils::uncompressGZip(Utils::decodeBase64Url(data2).value()).value();
+  std::vector<uint8_t> flat;
+  const json parsed = json::parse(asText(text));
+  for (const json& row : parsed.at("permutations")) {
+    for (const json& entry : row) flat.push_back(entry.get<uint8_t>());
+  }
+  return flat;
+}
+
+#ifdef CORVANE_WBGEN_PATH
+// The bundle `wbgen user-tables --key HEX` prints, as a server would hand it out.
+Bundle wbgenBundle(std::string_view keyHex) {
+  const std::string command =
+      std::string(CORVANE_WBGEN_PATH) + " user-tables --key " + std::string(keyHex);
+  FILE* pipe = ::popen(command.c_str(), "r");
+  EXPECT_NE(pipe, nullptr);
+  std::string out;
+  char buffer[65536];
+  size_t read;
+  while (pipe != nullptr && (read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    out.append(buffer, read);
+  }
+  EXPECT_EQ(pipe != nullptr ? ::pclose(pipe) : -1, 0);
+  const json printed = json::parse(out);
+  Bundle bundle{printed.at("data1"), printed.at("data2"), {}};
+  bundle.encoding = encodingOf(bundle.data2);
+  return bundle;
+}
+#endif
+
 std::optional<SyncRegDataRequest> syncRequest(std::optional<std::string> user,
                                               std::optional<std::string> data1,
                                               std::optional<std::string> data2) {
@@ -472,8 +505,16 @@ TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
 
   Bytes keyBytes(32);
   for (size_t i = 0; i < keyBytes.size(); ++i) keyBytes[i] = static_cast<uint8_t>(0xA0 + 7 * i);
-  const SecretBytes key{std::span<const uint8_t>(keyBytes)};
-  const Bundle bundle = makeBundle(key);
+#ifdef CORVANE_WBGEN_PATH
+  const Bundle bundle = wbgenBundle(hexadecimalString(keyBytes));
+#else
+  const Bundle bundle = makeBundle(SecretBytes{std::span<const uint8_t>(keyBytes)});
+#endif
+  // Sixteen permutations, not all identities (the encoding must be undone, not ignored).
+  ASSERT_EQ(bundle.encoding.size(), 16u * 256u);
+  bool identity = true;
+  for (size_t i = 0; i < bundle.encoding.size(); ++i) identity &= bundle.encoding[i] == i % 256;
+  ASSERT_FALSE(identity);
   Error error = Error::corvane(1, "untouched");
   ASSERT_TRUE(host.corvane->syncRegData(syncRequest("alice", bundle.data1, bundle.data2), &error));
   EXPECT_EQ(error, Error::corvane(1, "untouched"));
