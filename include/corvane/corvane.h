@@ -17,6 +17,7 @@
 
 #include "corvane/error.h"
 #include "corvane/platform_value.h"
+#include "corvane/sync.h"
 
 namespace corvane {
 
@@ -92,9 +93,10 @@ class Corvane {
   // nothing, setLanguage() does nothing and the version and model names are empty. A step that
   // fails is skipped (nothing is wiped on a failure). Use create() to have all that reported.
   Corvane(std::shared_ptr<AuthUIControllerDelegate> delegate, Platform platform);
-  // The same, or null with the error: a missing port, stored settings that cannot be read, or a
-  // store that fails during the first-run steps. Only an item store without the installation
-  // marker counts as a fresh installation; a damaged settings file never does.
+  // The same, or null with the error: a missing port, stored settings that cannot be read, a
+  // record database folder that cannot be used, or a store that fails during the first-run steps.
+  // Only an item store without the installation marker counts as a fresh installation; a damaged
+  // settings file never does.
   static std::unique_ptr<Corvane> create(std::shared_ptr<AuthUIControllerDelegate> delegate,
                                          Platform platform, Error* error);
   ~Corvane();
@@ -162,6 +164,20 @@ class Corvane {
   // record that fails leaves its error and the walk goes on.
   void doDeregistration(std::string_view appID,
                         const std::vector<PushedAuthenticator>& authenticators, Error* error);
+
+  // Stores the white-box tables the server issued for a registered user in the record database
+  // (replacing earlier ones), after checking that both halves decode and have the tables' shapes.
+  // The marker "ZANDREL_FIDO_NO_DATA" in either half stores nothing and succeeds. True on
+  // success; otherwise false with the error (docs/API.md lists every code and text), and the
+  // user's tables and registrations are removed so that device and server agree again. A request
+  // without a user name fails without removing anyone's data.
+  bool syncRegData(const std::optional<SyncRegDataRequest>& request, Error* error);
+  // Removes the registrations of `data.appID` that the server no longer holds: each entry names a
+  // user, a key or both; entries naming neither, and an empty list, remove nothing, and an entry
+  // of another authenticator is skipped. An absent or empty appID fails with 60000
+  // "Missing Required Fields: appID" and removes nothing; a failing removal leaves the error of
+  // the last one in the slot and the others still run.
+  void syncServerData(const SyncServerData& data, Error* error);
 
   // Header type check of one raw UAF message given as JSON text: true when it is malformed, that
   // is when its header's "appID", or failing that its "serverData", is present and neither null

@@ -7,8 +7,12 @@
 //                                     every value sealed under the store key
 //     keystore.key                    the store key, sealing item values and private keys, 0600
 //     defaults.json                   the user defaults, 0600, written on first flush
+//     Database/Model.sqlite           the record database (the users' white-box tables), 0700
+//                                     folder and 0600 file, made on first use
 //
-// Every file is opened relative to the held folder descriptor without following a link.
+// Every store file but the record database is opened relative to the held folder descriptor
+// without following a link; the record database is reached by its path
+// (Platform::recordDatabaseDirectory) and checks the whole path again each time it opens.
 //
 // Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
 // connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the

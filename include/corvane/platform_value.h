@@ -7,6 +7,7 @@
 // store) can share what they are built on.
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -44,9 +45,13 @@ struct Platform {
   // Shows the pattern and transaction screens. Optional: without one, the authenticators that need
   // a screen (the pattern lock) are not offered.
   std::shared_ptr<ScreenPresenter> screenPresenter;
+  // The folder that holds the record database ("Database/Model.sqlite" beneath it: the users'
+  // white-box tables). The folder must be private to the user (0700, ancestors closed to other
+  // users); the record database checks that at every opening.
+  std::filesystem::path recordDatabaseDirectory;
 
-  // The name of the first port that is missing (the member name above), or absent when every
-  // port is present.
+  // The name of the first port that is missing (the member name above; an empty record database
+  // folder counts as missing), or absent when every port is present.
   [[nodiscard]] std::optional<std::string_view> missingPort() const {
     if (!itemStore) return "itemStore";
     if (!keyStore) return "keyStore";
@@ -58,6 +63,7 @@ struct Platform {
     if (!deviceInfo) return "deviceInfo";
     if (!httpClient) return "httpClient";
     if (!scheduler) return "scheduler";
+    if (recordDatabaseDirectory.empty()) return "recordDatabaseDirectory";
     return std::nullopt;
   }
 };

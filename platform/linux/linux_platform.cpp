@@ -229,6 +229,8 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   }
   platform.scheduler = std::move(loop);
   platform.screenPresenter = options.screenPresenter;
+  // The record database lives in the same private folder, opened and checked above.
+  platform.recordDatabaseDirectory = folder->path();
   return platform;
 }
 

@@ -6,8 +6,63 @@
 #include "client/flow_support.h"
 #include "client/messages/fc_params.h"
 #include "client/messages/uaf_message_array.h"
+#include "client/wb_bundle.h"
+#include "crypto/aes_wb_helper.h"
 
 namespace corvane {
+
+namespace {
+
+Error tablesUnusable(std::string_view text) {
+  return clientError(CorvaneStatusCode::PRECONDITION_FAILED, text);
+}
+
+// The "wb_encryption" data as it goes to the authenticator: `plain` (the request's extension data,
+// UTF-8) enciphered with the user's stored tables, IV generateIV(challenge), as base64url without
+// padding. Absent with the error when the user has no usable tables.
+std::optional<std::string> encipherWithUserTables(CoreDataManager& records,
+                                                  const std::string& username,
+                                                  std::string_view plain,
+                                                  std::string_view challenge, Error* error) {
+  Result<std::optional<WBTable>> record = records.fetchFirstRecordFromTable(
+      kWBTableEntityName, RecordPredicate::usernameEquals(username));
+  if (!record) {
+    setError(error, record.error());
+    return std::nullopt;
+  }
+  if (!*record || !(*record)->wbTable || !(*record)->permutations) {
+    setError(error, tablesUnusable(kNoWBTableText));
+    return std::nullopt;
+  }
+  std::optional<nlohmann::json> data1 =
+      decodeBundleField((*record)->wbTable->exposeSecretText(), nullptr, nullptr);
+  if (!data1 || !missingTableArrays(*data1).empty()) {
+    setError(error, tablesUnusable(kInvalidWBTableText));
+    return std::nullopt;
+  }
+  std::optional<nlohmann::json> data2 =
+      decodeBundleField((*record)->permutations->exposeSecretText(), nullptr, nullptr);
+  if (!data2 || !hasPermutations(*data2)) {
+    setError(error, tablesUnusable(kInvalidPermutationsText));
+    return std::nullopt;
+  }
+  UserTablesFault fault{};
+  std::optional<whitebox::WhiteboxUserTables> tables = userTablesFrom(*data1, *data2, &fault);
+  if (!tables) {
+    setError(error, tablesUnusable(fault == UserTablesFault::tables ? kInvalidWBTableText
+                                                                    : kInvalidPermutationsText));
+    return std::nullopt;
+  }
+  std::optional<Bytes> cipher =
+      AesWBHelper::encryptAesWB(asBytes(plain), AesWBHelper::generateIV(challenge), *tables);
+  if (!cipher) {
+    setError(error, tablesUnusable(kInvalidWBTableText));
+    return std::nullopt;
+  }
+  return Utils::base64URLSafeStringFromData(*cipher);
+}
+
+}  // namespace
 
 void Corvane::doAuthentication(const DoAuthReq& input) {
   if (!impl_) {
@@ -66,6 +121,17 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
   if (out == nullptr || !out->appRegs || out->appRegs->empty() || !out->appRegs->front().keyID ||
       out->appRegs->front().keyID->empty()) {
     return fail(Error::corvane(code(CorvaneStatusCode::USER_NOT_ENROLLED)));
+  }
+
+  // The white-box extension carries the request's data enciphered with the user's tables, so the
+  // assertion signs proof that this device holds them.
+  for (Extension& extension : *exts) {
+    if (extension.extID != kExtensionWbEncryption) continue;
+    std::optional<std::string> enciphered =
+        encipherWithUserTables(impl.records, input.username, extension.data.value_or(""),
+                               message.challenge.value_or(std::string()), &error);
+    if (!enciphered) return fail(error);
+    extension.data = std::move(*enciphered);
   }
 
   AsmRequest request;

@@ -51,6 +51,11 @@ bool Corvane::start(Error* error) {
     setError(error, *unreadable);
     return false;
   }
+  // The record database is opened (and made, the first time) now, so that a folder it cannot use
+  // is reported here rather than at the first data sync.
+  Result<std::vector<WBTable>> records = impl_->records.fetchRecordsFromTable(
+      kWBTableEntityName, RecordPredicate::usernameEquals(std::nullopt));
+  if (!records) return fail("Cannot open the record database", records.error());
   Result<bool> installed = impl_->installedBefore();
   if (!installed) return fail("Cannot read the item store", installed.error());
   if (!*installed) {

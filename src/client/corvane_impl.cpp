@@ -19,6 +19,7 @@ Corvane::Impl::Impl(Platform ports)
       keychain(*platform.itemStore, *platform.keyStore, *platform.biometry, configuration,
                &attestation),
       patternManager(keychain),
+      records(platform.recordDatabaseDirectory),
       policy(*platform.deviceInfo, [this](const AsmRequest& request) { return execute(request); }) {
 }
 

@@ -1,7 +1,7 @@
 // What one Corvane object owns besides its delegate: the platform's ports, the objects built over
-// them (configuration, keychain, pattern store, policy helper) and the one long-lived ASM, whose
-// answers arrive after the user was verified. Members refer to one another, so the order of
-// declaration is the order of construction and the object never moves.
+// them (configuration, keychain, pattern store, record database, policy helper) and the one
+// long-lived ASM, whose answers arrive after the user was verified. Members refer to one another,
+// so the order of declaration is the order of construction and the object never moves.
 //
 // The Impl is the ASM's CorvaneDelegate; hosts cannot reach that side.
 #pragma once
@@ -25,6 +25,7 @@
 #include "crypto/attestation_material.h"
 #include "foundation/result.h"
 #include "policy/policy_helper.h"
+#include "storage/core_data_manager.h"
 #include "storage/keychain.h"
 #include "storage/pattern_manager.h"
 
@@ -90,6 +91,8 @@ struct Corvane::Impl final : CorvaneDelegate {
   WhiteboxAttestationKeySource attestation;
   Keychain keychain;
   PatternManager patternManager;
+  // The users' white-box tables, in the platform's record database folder.
+  CoreDataManager records;
   PolicyHelper policy;
   std::unique_ptr<Asm> asm_;
   // Set by Corvane: where results go (may be null).

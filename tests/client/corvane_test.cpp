@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,8 @@
 #include "fakes/scripted_biometry.h"
 #include "storage/keychain.h"
 #include "storage/pattern_manager.h"
+#include "test_files.h"
+#include "test_support.h"
 
 namespace corvane {
 namespace {
@@ -37,7 +40,7 @@ struct Installation {
   Installation() { items->setDefaultAccessGroup("CORVANELNX.com.example.host"); }
   Platform platform() const {
     return Platform{items, keys,   biometry, host,      framework, defaults,
-                    clock, device, http,     scheduler, nullptr};
+                    clock, device, http,     scheduler, nullptr,   dataDir.path()};
   }
   void seed() {
     ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount(
@@ -58,6 +61,7 @@ struct Installation {
     return out;
   }
   static constexpr std::string_view kKeyTag = "ios:bundle-id:com.example.host.0F3D#0002.PRI.h";
+  testing::TempDir dataDir;
   std::shared_ptr<FakeItemStore> items = std::make_shared<FakeItemStore>();
   std::shared_ptr<FakeKeyStore> keys = std::make_shared<FakeKeyStore>();
   std::shared_ptr<testing::ScriptedBiometry> biometry =
@@ -138,6 +142,17 @@ TEST(CorvaneFirstRunTest, CreateReportsUnreadableSettingsAndFailingStores) {
   noHttp.httpClient.reset();
   EXPECT_FALSE(Corvane::create(nullptr, std::move(noHttp), &error));
   EXPECT_EQ(error.localizedDescription(), "The platform has no httpClient");
+  Platform noRecords = app.platform();
+  noRecords.recordDatabaseDirectory.clear();
+  EXPECT_FALSE(Corvane::create(nullptr, std::move(noRecords), &error));
+  EXPECT_EQ(error.localizedDescription(), "The platform has no recordDatabaseDirectory");
+  // A file where the record database's folder belongs: reported, and nothing is wiped.
+  testing::writeFile(app.dataDir.path() / "Database", "not a folder");
+  EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
+  EXPECT_EQ(error.localizedDescription(),
+            "Cannot open the record database: The record database failed.");
+  EXPECT_EQ(app.kept(), "record pattern key");
+  std::filesystem::remove(app.dataDir.path() / "Database");
   app.defaults->failLoad = Error::corvane(10000, "The user defaults file is damaged");
   EXPECT_FALSE(Corvane::create(nullptr, app.platform(), &error));
   EXPECT_EQ(error.localizedDescription(), "The user defaults file is damaged");

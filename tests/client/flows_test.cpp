@@ -3,21 +3,28 @@
 // every outcome, success and failure, with its exact code and text.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include <openssl/evp.h>
+#include <zlib.h>
 #include <nlohmann/json.hpp>
 
 #include "client/discovery.h"
 #include "corvane-rp/core/verify_command.h"
 #include "corvane/corvane.h"
 #include "corvane/linux_platform.h"
+#include "crypto/aes_wb_helper.h"
 #include "fakes/manual_scheduler.h"
 #include "fakes/scripted_presenter.h"
 #include "foundation/byte_io.h"
 #include "foundation/utils.h"
+#include "json/json_text.h"
+#include "storage/core_data_manager.h"
+#include "tablegen/whitebox_generator.h"
 #include "test_files.h"
 #include "test_support.h"
 
@@ -25,7 +32,6 @@ namespace corvane {
 namespace {
 
 using nlohmann::json;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
 const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
 
 }  // namespace
@@ -397,6 +403,321 @@ TEST(FlowsTest, AaidLookUps) {
   EXPECT_FALSE(isAaidInAuthenticatorInfoArray("0f3d#0001", infos));
   EXPECT_TRUE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0002", infos));
   EXPECT_FALSE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0001", infos));
+}
+
+// ----- data sync and the white-box extension -----
+
+// base64url of a gzip member of `text`, as the server (wbgen user-tables) packs a bundle half.
+std::string pack(std::string_view text) {
+  z_stream stream{};
+  EXPECT_EQ(deflateInit2(&stream, Z_BEST_SPEED, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
+  Bytes out(deflateBound(&stream, static_cast<uLong>(text.size())));
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+  stream.avail_in = static_cast<uInt>(text.size());
+  stream.next_out = out.data();
+  stream.avail_out = static_cast<uInt>(out.size());
+  EXPECT_EQ(deflate(&stream, Z_FINISH), Z_STREAM_END);
+  out.resize(stream.total_out);
+  deflateEnd(&stream);
+  return Utils::base64URLSafeStringFromData(out);
+}
+
+// A flat array as nested JSON arrays of the given dimensions.
+template <typename T>
+json nested(const std::vector<T>& flat, std::vector<size_t> dims, size_t offset = 0) {
+  json out = json::array();
+  size_t stride = 1;
+  for (size_t i = 1; i < dims.size(); ++i) stride *= dims[i];
+  for (size_t i = 0; i < dims[0]; ++i) {
+    if (dims.size() == 1) {
+      out.push_back(flat[offset + i]);
+    } else {
+      out.push_back(
+          nested(flat, std::vector<size_t>(dims.begin() + 1, dims.end()), offset + i * stride));
+    }
+  }
+  return out;
+}
+
+// A user's bundle for `key`, made by the table generator the way `wbgen user-tables` makes it,
+// with the external encoding it carries.
+struct Bundle {
+  std::string data1, data2;
+  std::vector<uint8_t> encoding;
+};
+Bundle makeBundle(const SecretBytes& key) {
+  using namespace whitebox;
+  const std::optional<XorCodebook> book = XorCodebook::recover(*builtinAuthXor());
+  std::optional<RoundTables> round = generateRoundTables(key, *book);
+  std::optional<std::vector<uint8_t>> encoding = generateExternalEncoding(false);
+  EXPECT_TRUE(round && encoding);
+  const json data1 = {{"Tyboxes", nested(round->tyboxes, {13, 16, 256})},
+                      {"TboxesLast", nested(round->tboxesLast, {16, 256})},
+                      {"MBL", nested(round->mbl, {13, 16, 256})}};
+  const json data2 = {{"permutations", nested(*encoding, {16, 256})}};
+  return {pack(data1.dump()), pack(data2.dump()), *encoding};
+}
+
+// The external encoding a bundle carries, read back from its data2.
+std::vector<uint8_t> encodingOf(std::string_view data2) {
+  const Bytes text = Utils::uncompressGZip(Utils::decodeBase64Url(data2).value()).value();
+  std::vector<uint8_t> flat;
+  const json parsed = json::parse(asText(text));
+  for (const json& row : parsed.at("permutations")) {
+    for (const json& entry : row) flat.push_back(entry.get<uint8_t>());
+  }
+  return flat;
+}
+
+#ifdef CORVANE_WBGEN_PATH
+// The bundle `wbgen user-tables --key HEX` prints, as a server would hand it out.
+Bundle wbgenBundle(std::string_view keyHex) {
+  const std::string command =
+      std::string(CORVANE_WBGEN_PATH) + " user-tables --key " + std::string(keyHex);
+  FILE* pipe = ::popen(command.c_str(), "r");
+  EXPECT_NE(pipe, nullptr);
+  std::string out;
+  char buffer[65536];
+  size_t read;
+  while (pipe != nullptr && (read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    out.append(buffer, read);
+  }
+  EXPECT_EQ(pipe != nullptr ? ::pclose(pipe) : -1, 0);
+  const json printed = json::parse(out);
+  Bundle bundle{printed.at("data1"), printed.at("data2"), {}};
+  bundle.encoding = encodingOf(bundle.data2);
+  return bundle;
+}
+#endif
+
+std::optional<SyncRegDataRequest> syncRequest(std::optional<std::string> user,
+                                              std::optional<std::string> data1,
+                                              std::optional<std::string> data2) {
+  return SyncRegDataRequest{std::move(user), RegData1{std::move(data1), std::move(data2)}};
+}
+
+// The user's "WBTable" records, read from the store file itself.
+std::vector<WBTable> storedTables(const Host& host, std::string_view user) {
+  CoreDataManager records(host.dir.path() / "data");
+  return records.fetchRecordsFromTable("WBTable", RecordPredicate::usernameEquals(user)).value();
+}
+
+uint64_t enrolment(Host& host, std::string_view user) {
+  json question = json::parse(authenticationRequest());
+  question[0]["username"] = user;
+  Error error;
+  std::optional<GetSupportedAuthenticatorResponse> supported =
+      host.corvane->getSupportedAuthenticator(question.dump(), &error);
+  return supported ? supported->status : 0;
+}
+
+void registerUser(Host& host, const std::string& user) {
+  host.corvane->doRegistration(DoRegReq{registrationRequest(user), "pattern", user, {}});
+  host.draw(2);
+  ASSERT_EQ(host.last().error.code(), 0) << host.last().error.localizedDescription();
+}
+
+TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
+  Host host;
+  registerUser(host, "alice");
+  const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
+  const Bytes publicKey = elements(elements(elements(reg).at(0x3E01)).at(0x3E03)).at(0x2E0C);
+  registerUser(host, "bob");
+
+  Bytes keyBytes(32);
+  for (size_t i = 0; i < keyBytes.size(); ++i) keyBytes[i] = static_cast<uint8_t>(0xA0 + 7 * i);
+#ifdef CORVANE_WBGEN_PATH
+  const Bundle bundle = wbgenBundle(hexadecimalString(keyBytes));
+#else
+  const Bundle bundle = makeBundle(SecretBytes{std::span<const uint8_t>(keyBytes)});
+#endif
+  // Sixteen permutations, not all identities (the encoding must be undone, not ignored).
+  ASSERT_EQ(bundle.encoding.size(), 16u * 256u);
+  bool identity = true;
+  for (size_t i = 0; i < bundle.encoding.size(); ++i) identity &= bundle.encoding[i] == i % 256;
+  ASSERT_FALSE(identity);
+  Error error = Error::corvane(1, "untouched");
+  ASSERT_TRUE(host.corvane->syncRegData(syncRequest("alice", bundle.data1, bundle.data2), &error));
+  EXPECT_EQ(error, Error::corvane(1, "untouched"));
+  // Stored exactly as received, still packed.
+  const std::vector<WBTable> stored = storedTables(host, "alice");
+  ASSERT_EQ(stored.size(), 1u);
+  EXPECT_EQ(stored[0].wbTable->exposeSecretText(), bundle.data1);
+  EXPECT_EQ(stored[0].permutations->exposeSecretText(), bundle.data2);
+  // A second sync replaces the user's row.
+  ASSERT_TRUE(host.corvane->syncRegData(syncRequest("alice", bundle.data1, bundle.data2), &error));
+  EXPECT_EQ(storedTables(host, "alice").size(), 1u);
+
+  // 37 bytes: two whole CFB blocks and a partial one.
+  const std::string sent = "transfer 100 EUR to bob, ref 2026-11";
+  const json wb = {
+      {"exts",
+       json::array({{{"id", "wb_encryption"}, {"data", sent}, {"fail_if_unknown", false}}})}};
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "alice", {}, "Alice"});
+  host.draw();
+  const Bytes auth = readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U");
+  ByteReader top(auth);
+  std::optional<ByteReader> body = top.readElement(0x3E02);
+  ASSERT_TRUE(body);
+  std::optional<TlvElement> signedData = body->readElement();
+  std::optional<ByteReader> signature = body->readElement(0x2E06);
+  ASSERT_TRUE(signedData && signature);
+  EXPECT_TRUE(testing::verifies(publicKey, signedData->whole, signature->rest()));
+  // The extension inside the signed data: non-critical, id and enciphered data.
+  const auto extension = elements(elements(signedData->value.rest()).at(0x3E12));
+  EXPECT_EQ(asText(extension.at(0x2E13)), "wb_encryption");
+  Bytes cipher = Utils::decodeBase64Url(asText(extension.at(0x2E14))).value();
+  ASSERT_EQ(cipher.size(), sent.size());
+  // Undo the external encoding, then plain AES-256-CFB128 with the key and the challenge's IV.
+  for (size_t i = 0; i < cipher.size(); ++i) {
+    const auto row = bundle.encoding.begin() + static_cast<std::ptrdiff_t>((i % 16) * 256);
+    cipher[i] = static_cast<uint8_t>(std::find(row, row + 256, cipher[i]) - row);
+  }
+  const Bytes iv = Utils::hexString2NSData(AesWBHelper::generateIV("YXV0aC1jaGFsbGVuZ2U"));
+  ASSERT_EQ(iv.size(), 16u);
+  Bytes plain(cipher.size());
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  int written = 0;
+  ASSERT_EQ(EVP_DecryptInit_ex(ctx, EVP_aes_256_cfb128(), nullptr, keyBytes.data(), iv.data()), 1);
+  ASSERT_EQ(EVP_DecryptUpdate(ctx, plain.data(), &written, cipher.data(),
+                              static_cast<int>(cipher.size())),
+            1);
+  EVP_CIPHER_CTX_free(ctx);
+  EXPECT_EQ(asText(plain), sent);
+
+  // Without tables, or with tables that no longer decode, the extension cannot be made.
+  const size_t screens = host.presenter->presentedCount();
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
+  EXPECT_EQ(host.last().error, Error::corvane(40001, "user has no WB table data."));
+  {
+    CoreDataManager records(host.dir.path() / "data");
+    WBTable broken;
+    broken.username = "bob";
+    broken.wbTable = SecretBytes::fromText(pack(R"({"Tyboxes":[],"TboxesLast":[],"MBL":[]})"));
+    broken.permutations = SecretBytes::fromText(bundle.data2);
+    ASSERT_TRUE(records.insertRecordWithRecordValues(broken, "WBTable"));
+  }
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
+  EXPECT_EQ(host.last().error, Error::corvane(40001, "Invalid WB table data."));
+  {
+    CoreDataManager records(host.dir.path() / "data");
+    WBTable broken;
+    broken.username = "bob";
+    broken.wbTable = SecretBytes::fromText(bundle.data1);
+    broken.permutations = SecretBytes::fromText(pack(R"({"permutations":[[0,0]]})"));
+    ASSERT_TRUE(records.insertRecordWithRecordValues(broken, "WBTable"));
+  }
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
+  EXPECT_EQ(host.last().error, Error::corvane(40001, "Invalid permutations data."));
+  EXPECT_EQ(host.presenter->presentedCount(), screens) << "no screen for a refused request";
+
+  // The marker stores nothing and succeeds.
+  EXPECT_TRUE(host.corvane->syncRegData(syncRequest("carol", "ZANDREL_FIDO_NO_DATA", "x"), &error));
+  EXPECT_TRUE(storedTables(host, "carol").empty());
+
+  // A failed sync for alice drops her tables and registration; bob's stay.
+  EXPECT_FALSE(host.corvane->syncRegData(syncRequest("alice", "%", bundle.data2), &error));
+  EXPECT_EQ(error, Error::corvane(60001, "data1 Decompress Error."));
+  EXPECT_TRUE(storedTables(host, "alice").empty());
+  EXPECT_EQ(enrolment(host, "alice"), 2u);
+  EXPECT_EQ(enrolment(host, "bob"), 4u);
+  EXPECT_EQ(storedTables(host, "bob").size(), 1u);
+  // Without a user name nobody's data goes.
+  EXPECT_FALSE(host.corvane->syncRegData(syncRequest("", "%", bundle.data2), &error));
+  EXPECT_FALSE(host.corvane->syncRegData(syncRequest(std::nullopt, "%", "%"), &error));
+  EXPECT_EQ(enrolment(host, "bob"), 4u);
+  EXPECT_EQ(storedTables(host, "bob").size(), 1u);
+}
+
+TEST(SyncTest, EveryFailureHasItsCodeAndText) {
+  Bytes keyBytes(32, 0x5A);
+  const Bundle good = makeBundle(SecretBytes{std::span<const uint8_t>(keyBytes)});
+  Error parseError;
+  EXPECT_FALSE(jsonmodel::parseJson("{\"a\":", &parseError));
+  const std::string parserText = parseError.localizedDescription();
+  const struct {
+    const char* name;
+    std::optional<SyncRegDataRequest> request;
+    int64_t code;
+    std::string text;
+  } rows[] = {
+      {"no request", std::nullopt, 60000, "Missing Required Fields: syncRegDataRequest "},
+      {"no user, no data1", syncRequest(std::nullopt, std::nullopt, "x"), 60000,
+       "Missing Required Fields: username data1 "},
+      {"empty user, no regData1", SyncRegDataRequest{"", std::nullopt}, 60000,
+       "Missing Required Fields: username regData1 "},
+      {"empty data2", syncRequest("carol", "x", ""), 60000, "Missing Required Fields: data2"},
+      {"both data empty", syncRequest("carol", "", std::nullopt), 60000,
+       "Missing Required Fields: data1 data2"},
+      {"data1 not base64url", syncRequest("carol", "a+b/", good.data2), 60001,
+       "data1 Decompress Error."},
+      {"data1 not gzip", syncRequest("carol", "aGVsbG8", good.data2), 60001,
+       "data1 Decompress Error."},
+      {"data1 not JSON", syncRequest("carol", pack("{\"a\":"), good.data2), 10000, parserText},
+      {"data1 without MBL",
+       syncRequest("carol", pack(R"({"Tyboxes":[],"TboxesLast":[]})"), good.data2), 60001,
+       "Invalid data1 data. Missing Required Fields: MBL "},
+      {"data1 tables not arrays",
+       syncRequest("carol", pack(R"({"Tyboxes":{},"TboxesLast":1,"MBL":[]})"), good.data2), 60001,
+       "Invalid data1 data. Missing Required Fields: Tyboxes TboxesLast "},
+      {"data1 an array", syncRequest("carol", pack("[]"), good.data2), 60001,
+       "Invalid data1 data. Missing Required Fields: Tyboxes TboxesLast MBL "},
+      {"data2 not gzip", syncRequest("carol", good.data1, "aGVsbG8"), 60001,
+       "data2 Decompress Error."},
+      {"data2 not JSON", syncRequest("carol", good.data1, pack("{\"a\":")), 10000, parserText},
+      {"no permutations", syncRequest("carol", good.data1, pack(R"({"permutation":[]})")), 60001,
+       "Missing Required Fields: permutations"},
+      {"permutations not an array",
+       syncRequest("carol", good.data1, pack(R"({"permutations":"x"})")), 60001,
+       "Missing Required Fields: permutations"},
+      {"tables of the wrong shape",
+       syncRequest("carol", pack(R"({"Tyboxes":[],"TboxesLast":[],"MBL":[]})"), good.data2), 60001,
+       "Invalid WB table data."},
+      {"permutations not bijections",
+       syncRequest("carol", good.data1, pack(R"({"permutations":[[1,1]]})")), 60001,
+       "Invalid permutations data."},
+  };
+  Host host;
+  for (const auto& row : rows) {
+    Error error;
+    EXPECT_FALSE(host.corvane->syncRegData(row.request, &error)) << row.name;
+    EXPECT_EQ(error, Error::corvane(row.code, row.text))
+        << row.name << ": " << error.localizedDescription();
+    EXPECT_TRUE(storedTables(host, "carol").empty()) << row.name;
+  }
+  for (std::optional<std::string> appID :
+       {std::optional<std::string>(), std::optional<std::string>("")}) {
+    Error error;
+    host.corvane->syncServerData(SyncServerData{appID, {}}, &error);
+    EXPECT_EQ(error, Error::corvane(60000, "Missing Required Fields: appID"));
+  }
+  // A store that cannot be written.
+  ASSERT_TRUE(host.corvane->syncRegData(syncRequest("carol", good.data1, good.data2), nullptr));
+  testing::writeFile(host.dir.path() / "data" / "Database" / "Model.sqlite",
+                     std::string(8192, 'x'));
+  Error error;
+  EXPECT_FALSE(host.corvane->syncRegData(syncRequest("carol", good.data1, good.data2), &error));
+  EXPECT_EQ(error, Error::corvane(10000, "Fail to insert data into CoreData."));
+}
+
+TEST(SyncTest, ServerDataRemovesTheNamedRegistrations) {
+  Host host;
+  registerUser(host, "alice");
+  registerUser(host, "bob");
+  registerUser(host, "carol");
+  Error error = Error::corvane(1, "untouched");
+  host.corvane->syncServerData(SyncServerData{"ios:bundle-id:com.example.host",
+                                              {{"alice", "0F3D#0001", ""},
+                                               {"alice", "", ""},
+                                               {"", "", ""},
+                                               {"bob", "0F3D#0002", std::nullopt}}},
+                               &error);
+  EXPECT_EQ(error, Error::corvane(1, "untouched"));
+  EXPECT_EQ(enrolment(host, "alice"), 2u);
+  EXPECT_EQ(enrolment(host, "bob"), 2u);
+  EXPECT_EQ(enrolment(host, "carol"), 4u);
+  host.corvane->syncServerData(SyncServerData{"ios:bundle-id:com.example.host", {}}, &error);
+  EXPECT_EQ(enrolment(host, "carol"), 4u);
 }
 
 }  // namespace
