@@ -28,7 +28,7 @@ struct Bend {
   std::optional<std::string> facetID;           // fcParams facetID (default kRpFacetID)
   std::optional<std::string> appID;             // fcParams appID (default the request's)
   std::optional<std::string> transactionText;   // text hashed into the sign assertion
-  std::optional<std::string> wbEncryptionData;  // wb_encryption extension data to sign (hex)
+  std::optional<std::string> wbEncryptionData;  // wb_encryption extension data to sign (base64url)
   std::function<void(Bytes&)> assertion;        // applied to the assertion bytes
 };
 
@@ -92,7 +92,7 @@ class RpDriver {
     const std::optional<Bytes> cipher = AesWBHelper::encryptAesWB(
         asBytes(plain), AesWBHelper::generateIV(challenge), tables->tyboxes, tables->tboxesLast,
         tables->mbl, secret.externalEncoding);
-    return cipher ? hexadecimalString(*cipher) : "";
+    return cipher ? Utils::base64URLSafeStringFromData(*cipher) : "";
   }
 
   // The response with its assertion bytes replaced.

@@ -115,7 +115,7 @@ TEST(ServerTest, RegistersAuthenticatesWithTransactionAndWhiteboxAndRefusesARepl
       asBytes(sent), AesWBHelper::generateIV(message["challenge"].get<std::string>()), *tables);
   ASSERT_TRUE(cipher);
   testing::Bend bend;
-  bend.wbEncryptionData = hexadecimalString(*cipher);
+  bend.wbEncryptionData = Utils::base64URLSafeStringFromData(*cipher);
   const std::string response = driver.signResponse(authRequest, 2, bend);
   const auto [authenticated, authReport] = post("/uaf/auth/response", response);
   EXPECT_EQ(authenticated, 200) << authReport.dump();

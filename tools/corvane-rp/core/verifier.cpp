@@ -359,7 +359,7 @@ void verifySignAssertion(const IssuedRequest& request, const Framing& framing, c
     } else if (!secret) {
       reason = "no white-box key for the registered user";
     } else if (!plain) {
-      reason = "the wb_encryption data is not hex of a ciphertext";
+      reason = "the wb_encryption data is not base64url of a ciphertext";
     } else {
       reason = "the wb_encryption data does not decipher to the data that was sent";
     }

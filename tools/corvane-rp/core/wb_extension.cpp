@@ -23,14 +23,23 @@ std::optional<Bytes> strictHex(std::string_view text) {
   return Utils::hexString2NSData(text);
 }
 
+// Base64url without padding, in its one canonical spelling.
+std::optional<Bytes> strictBase64Url(std::string_view text) {
+  std::optional<Bytes> bytes = Utils::decodeBase64Url(text);
+  if (!bytes || bytes->empty() || Utils::base64URLSafeStringFromData(*bytes) != text) {
+    return std::nullopt;
+  }
+  return bytes;
+}
+
 }  // namespace
 
 std::optional<Bytes> decipherWbExtension(const WbUserSecret& secret, std::string_view challenge,
-                                         std::string_view hexCipher) {
+                                         std::string_view cipherText) {
   if (secret.key.size() != kKeySize || secret.externalEncoding.size() != kEncodingSize) {
     return std::nullopt;
   }
-  std::optional<Bytes> cipher = strictHex(hexCipher);
+  std::optional<Bytes> cipher = strictBase64Url(cipherText);
   std::optional<Bytes> iv = strictHex(AesWBHelper::generateIV(challenge));
   if (!cipher || !iv || iv->size() != 16) return std::nullopt;
   // Undo the external encoding: position k of each block went through permutation k.
