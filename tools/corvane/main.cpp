@@ -269,12 +269,11 @@ int main(int argc, char** argv) {
     return succeed(std::string(name));
   }
   Options options;
-  for (; at < args.size(); ++at) {
+  for (; at < args.size(); at += 2) {
     if (args[at].rfind("--", 0) != 0 || at + 1 >= args.size()) {
       return fail(kInvalidArgument, "unexpected argument " + args[at]);
     }
     options.values[args[at].substr(2)] = args[at + 1];
-    ++at;
   }
 
   std::optional<std::vector<uint32_t>> dots;
