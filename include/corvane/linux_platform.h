@@ -10,9 +10,10 @@
 //
 // Every file is opened relative to the held folder descriptor without following a link.
 //
-// Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
-// connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
-// defaults file, the CLOCK_BOOTTIME clock, uname for the device and libcurl for HTTPS.
+// Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through the
+// same connection, so a key and its records land in one commit), no-reader biometry, the host's and
+// Corvane's bundle folders, the defaults file, the CLOCK_BOOTTIME clock, uname for the device and
+// libcurl for HTTPS.
 //
 // The namespace is `corvane::linux_platform`: the GNU dialects (-std=gnu++20, g++'s default)
 // predefine a macro `linux`, so a namespace of that name could not be spelled there.
