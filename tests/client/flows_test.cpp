@@ -38,7 +38,6 @@ namespace corvane {
 namespace {
 
 using nlohmann::json;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
 const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
 
 }  // namespace
