@@ -575,12 +575,13 @@ TEST(AllOrNothingTest, AKilledRegistrationLeavesAllOrNothing) {
     int status = 1;
     {
       Host child(setup);
+      // The host's own temporary folder is unused here; a killed child could not remove it.
+      std::error_code ignored;
+      std::filesystem::remove_all(child.dir.path(), ignored);
       const char byte = 1;
       if (child.corvane && ::write(pipeEnds[1], &byte, 1) == 1) {
         status = registerUser(child, "alice").error.code() == 0 ? 0 : 1;
       }
-      std::error_code ignored;
-      std::filesystem::remove_all(child.dir.path(), ignored);
       ::_exit(status);
     }
   };
