@@ -14,9 +14,10 @@
 // without following a link; the record database is reached by its path
 // (Platform::recordDatabaseDirectory) and checks the whole path again each time it opens.
 //
-// Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through a
-// connection of its own), no-reader biometry, the host's and Corvane's bundle folders, the
-// defaults file, the CLOCK_BOOTTIME clock, uname for the device and libcurl for HTTPS.
+// Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through the
+// same connection, so a key and its records land in one commit), no-reader biometry, the host's and
+// Corvane's bundle folders, the defaults file, the CLOCK_BOOTTIME clock, uname for the device and
+// libcurl for HTTPS.
 //
 // The namespace is `corvane::linux_platform`: the GNU dialects (-std=gnu++20, g++'s default)
 // predefine a macro `linux`, so a namespace of that name could not be spelled there.

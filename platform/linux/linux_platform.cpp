@@ -186,10 +186,6 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
   itemOptions.synchronous = options.durableWrites ? SqliteItemStore::Synchronous::full
                                                   : SqliteItemStore::Synchronous::normal;
   itemOptions.storeKey = storeKey;
-  // The key store gets a connection of its own (it signs as background work while the library
-  // uses the main one) and no default access group: its sealed keys stay out of the library's
-  // label-wide wipes, which name the access group.
-  SqliteItemStore::Options keyItemOptions = itemOptions;
   itemOptions.defaultAccessGroup =
       SqliteItemStore::defaultAccessGroupFor(bundleIdentifier, options.teamId);
   std::shared_ptr<SqliteItemStore> items =
@@ -198,12 +194,12 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
     failWith(error, "Cannot open the item store", inner);
     return std::nullopt;
   }
-  std::shared_ptr<SqliteItemStore> keyItems =
-      SqliteItemStore::open(folder, kItemStoreFileName, keyItemOptions, &inner);
-  if (!keyItems) {
-    failWith(error, "Cannot open the key store's items", inner);
-    return std::nullopt;
-  }
+  // The key store shares the library's connection, so that a key and the records naming it land
+  // in one commit (a registration's transaction holds both), and has no default access group: its
+  // sealed keys stay out of the library's label-wide wipes, which name the access group. Key work
+  // runs as background work while the main thread leaves the stores alone
+  // (docs/threading.md), so one connection serves both threads, one at a time.
+  std::shared_ptr<SqliteItemStore> keyItems = items->shareConnection(std::nullopt);
   std::shared_ptr<UserDefaultsFile> defaults =
       UserDefaultsFile::open(folder, kUserDefaultsFileName, &inner);
   if (!defaults) {

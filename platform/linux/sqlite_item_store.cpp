@@ -1,6 +1,7 @@
 #include "linux/sqlite_item_store.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -54,6 +55,59 @@ int fullPathnameAsGiven(sqlite3_vfs*, const char* name, int size, char* out) {
   return SQLITE_OK;
 }
 
+// Every sync of a store file (the database, its -wal) goes through here, so that tests and
+// benchmarks can count durable commits. The default layer's file methods are copied with xSync
+// wrapped; the file itself stays the default layer's, so every other method runs unchanged.
+std::atomic<uint64_t> storeSyncs{0};
+
+struct CountedMethods {
+  const sqlite3_io_methods* original = nullptr;
+  sqlite3_io_methods counted{};
+};
+// The default layer uses one set of file methods per locking style: a handful at most.
+constexpr size_t kMaxMethodSets = 8;
+std::array<CountedMethods, kMaxMethodSets> methodSets;
+std::mutex methodSetsMutex;
+
+const sqlite3_io_methods* originalMethods(const sqlite3_io_methods* counted) {
+  std::lock_guard<std::mutex> lock(methodSetsMutex);
+  for (const CountedMethods& set : methodSets) {
+    if (&set.counted == counted) return set.original;
+  }
+  return nullptr;
+}
+
+int countedSync(sqlite3_file* file, int flags) {
+  const sqlite3_io_methods* original = originalMethods(file->pMethods);
+  if (original == nullptr || original->xSync == nullptr) return SQLITE_IOERR_FSYNC;
+  storeSyncs.fetch_add(1, std::memory_order_relaxed);
+  return original->xSync(file, flags);
+}
+
+const sqlite3_io_methods* countedMethodsFor(const sqlite3_io_methods* original) {
+  std::lock_guard<std::mutex> lock(methodSetsMutex);
+  for (CountedMethods& set : methodSets) {
+    if (set.original == original) return &set.counted;
+    if (set.original == nullptr) {
+      set.original = original;
+      set.counted = *original;
+      set.counted.xSync = countedSync;
+      return &set.counted;
+    }
+  }
+  return original;  // more sets than expected: left uncounted rather than failing
+}
+
+sqlite3_vfs* baseVfs = nullptr;
+
+int openCounted(sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* outFlags) {
+  const int rc = baseVfs->xOpen(baseVfs, name, file, flags, outFlags);
+  if (rc == SQLITE_OK && file->pMethods != nullptr) {
+    file->pMethods = countedMethodsFor(file->pMethods);
+  }
+  return rc;
+}
+
 bool registerVfs() {
   static std::once_flag once;
   static sqlite3_vfs vfs{};
@@ -61,10 +115,12 @@ bool registerVfs() {
   std::call_once(once, [] {
     sqlite3_vfs* base = sqlite3_vfs_find(nullptr);
     if (base == nullptr) return;
+    baseVfs = base;
     vfs = *base;
     vfs.zName = kVfsName;
     vfs.pNext = nullptr;
     vfs.xFullPathname = fullPathnameAsGiven;
+    vfs.xOpen = openCounted;
     registered = sqlite3_vfs_register(&vfs, 0) == SQLITE_OK;
   });
   return registered;
@@ -249,6 +305,12 @@ struct SqliteItemStore::Impl {
   StatementPtr commit;
   StatementPtr rollback;
   std::array<std::array<StatementPtr, kShapes>, kOperations> statements;
+  // The transaction every store object over this connection writes in, when one is open; a
+  // write that failed inside it spoils it. A delete inside it empties the -wal file after the
+  // commit (no checkpoint can run inside a write transaction).
+  bool inTransaction = false;
+  bool spoiled = false;
+  bool truncateAfterCommit = false;
 
   int exec(const char* sql) { return sqlite3_exec(db.get(), sql, nullptr, nullptr, nullptr); }
 
@@ -279,8 +341,10 @@ struct SqliteItemStore::Impl {
     return step(statement);
   }
 
-  bool beginWrite() { return run(begin.get()) == StoreStatus::ok; }
+  // A write of its own, or one joining the open transaction.
+  bool beginWrite() { return inTransaction || run(begin.get()) == StoreStatus::ok; }
   StoreStatus finishWrite(StoreStatus status) {
+    if (inTransaction) return noteInTransaction(status);
     if (status == StoreStatus::ok || status == StoreStatus::notFound) {
       if (run(commit.get()) == StoreStatus::ok) return status;
       status = StoreStatus::storeError;
@@ -291,6 +355,17 @@ struct SqliteItemStore::Impl {
     return status;
   }
 
+  // A failed write inside the open transaction spoils it, so that its commit cannot land half of
+  // what was meant.
+  StoreStatus noteInTransaction(StoreStatus status) {
+    if (inTransaction && status == StoreStatus::storeError) spoiled = true;
+    return status;
+  }
+
+  void rollbackOpenTransaction() {
+    if (!sqlite3_get_autocommit(db.get())) static_cast<void>(run(rollback.get()));
+  }
+
   std::optional<Bytes> seal(const SecretBytes& value, const std::optional<std::string>& account,
                             const std::optional<std::string>& service,
                             const std::optional<std::string>& accessGroup) const {
@@ -298,11 +373,12 @@ struct SqliteItemStore::Impl {
                             value.exposeSecret());
   }
 
-  StoreStatus insertItem(const ItemAttributes& item, const SecretBytes& value) {
+  StoreStatus insertItem(const ItemAttributes& item, const SecretBytes& value,
+                         const std::optional<std::string>& defaultAccessGroup) {
     sqlite3_stmt* statement = insert.get();
     if (statement == nullptr) return StoreStatus::storeError;
     const std::optional<std::string>& group =
-        item.accessGroup ? item.accessGroup : options.defaultAccessGroup;
+        item.accessGroup ? item.accessGroup : defaultAccessGroup;
     const std::optional<Bytes> sealed = seal(value, item.account, item.service, group);
     if (!sealed) return StoreStatus::storeError;
     StatementUse use(statement);
@@ -519,24 +595,64 @@ std::unique_ptr<SqliteItemStore> SqliteItemStore::open(
   if (!impl->insert || !impl->updateRow || !impl->begin || !impl->commit || !impl->rollback) {
     return sqliteFailure("prepare");
   }
-  return std::unique_ptr<SqliteItemStore>(new SqliteItemStore(std::move(impl)));
+  std::optional<std::string> group = impl->options.defaultAccessGroup;
+  return std::unique_ptr<SqliteItemStore>(
+      new SqliteItemStore(std::shared_ptr<Impl>(std::move(impl)), std::move(group)));
 }
 
-SqliteItemStore::SqliteItemStore(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+SqliteItemStore::SqliteItemStore(std::shared_ptr<Impl> impl,
+                                 std::optional<std::string> defaultAccessGroup)
+    : impl_(std::move(impl)), defaultAccessGroup_(std::move(defaultAccessGroup)) {}
 SqliteItemStore::~SqliteItemStore() = default;
+
+std::unique_ptr<SqliteItemStore> SqliteItemStore::shareConnection(
+    std::optional<std::string> defaultAccessGroup) {
+  return std::unique_ptr<SqliteItemStore>(
+      new SqliteItemStore(impl_, std::move(defaultAccessGroup)));
+}
+
+uint64_t SqliteItemStore::syncCount() {
+  return storeSyncs.load(std::memory_order_relaxed);
+}
+
+StoreStatus SqliteItemStore::beginTransaction() {
+  if (impl_->inTransaction) return StoreStatus::storeError;
+  if (impl_->run(impl_->begin.get()) != StoreStatus::ok) return StoreStatus::storeError;
+  impl_->inTransaction = true;
+  impl_->spoiled = false;
+  impl_->truncateAfterCommit = false;
+  return StoreStatus::ok;
+}
+
+StoreStatus SqliteItemStore::commitTransaction() {
+  if (!impl_->inTransaction) return StoreStatus::storeError;
+  impl_->inTransaction = false;
+  if (impl_->spoiled || impl_->run(impl_->commit.get()) != StoreStatus::ok) {
+    impl_->rollbackOpenTransaction();
+    return StoreStatus::storeError;
+  }
+  if (impl_->truncateAfterCommit) impl_->truncateLog();
+  return StoreStatus::ok;
+}
+
+void SqliteItemStore::rollbackTransaction() {
+  if (!impl_->inTransaction) return;
+  impl_->inTransaction = false;
+  impl_->rollbackOpenTransaction();
+}
 
 const std::filesystem::path& SqliteItemStore::path() const {
   return impl_->path;
 }
 
 StoreStatus SqliteItemStore::add(const ItemAttributes& item, const SecretBytes& value) {
-  return impl_->insertItem(item, value);
+  return impl_->noteInTransaction(impl_->insertItem(item, value, defaultAccessGroup_));
 }
 
 StoreStatus SqliteItemStore::upsert(const ItemAttributes& item, const SecretBytes& value) {
   if (!impl_->beginWrite()) return StoreStatus::storeError;
   StoreStatus status = impl_->updateItems(item.asQuery(), value);
-  if (status == StoreStatus::notFound) status = impl_->insertItem(item, value);
+  if (status == StoreStatus::notFound) status = impl_->insertItem(item, value, defaultAccessGroup_);
   return impl_->finishWrite(status);
 }
 
@@ -609,16 +725,21 @@ StoreStatus SqliteItemStore::update(const ItemQuery& query, const SecretBytes& v
 
 StoreStatus SqliteItemStore::remove(const ItemQuery& query) {
   sqlite3_stmt* statement = impl_->statementFor(Operation::remove, shapeOf(query));
-  if (statement == nullptr) return StoreStatus::storeError;
+  if (statement == nullptr) return impl_->noteInTransaction(StoreStatus::storeError);
   {
     StatementUse use(statement);
-    if (!bindQuery(statement, query)) return StoreStatus::storeError;
-    if (impl_->step(statement) != StoreStatus::ok) return StoreStatus::storeError;
+    if (!bindQuery(statement, query) || impl_->step(statement) != StoreStatus::ok) {
+      return impl_->noteInTransaction(StoreStatus::storeError);
+    }
   }
   if (sqlite3_changes(impl_->db.get()) == 0) return StoreStatus::notFound;
   // secure_delete has zeroed the freed content in the pages; the checkpoint carries those pages
   // into the database file and empties the -wal file, which still held the old page images.
-  impl_->truncateLog();
+  if (impl_->inTransaction) {
+    impl_->truncateAfterCommit = true;
+  } else {
+    impl_->truncateLog();
+  }
   return StoreStatus::ok;
 }
 
@@ -626,7 +747,7 @@ StoreStatus SqliteItemStore::addAll(std::span<const std::pair<ItemAttributes, Se
   if (!impl_->beginWrite()) return StoreStatus::storeError;
   StoreStatus status = StoreStatus::ok;
   for (const auto& [item, value] : items) {
-    status = impl_->insertItem(item, value);
+    status = impl_->insertItem(item, value, defaultAccessGroup_);
     if (status != StoreStatus::ok) break;
   }
   return impl_->finishWrite(status);

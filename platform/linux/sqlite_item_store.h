@@ -1,8 +1,10 @@
 // The Linux ItemStore: one SQLite file in WAL mode.
 //
-// Every call is one transaction. Statements are prepared once and take every value as a bound
-// parameter. The file (and SQLite's -wal and -shm files next to it) is 0600 and its folder 0700,
-// whatever the umask, and all three are opened through the held folder's descriptor.
+// Every call is one transaction, unless the caller opened one (beginTransaction): then every write
+// until commitTransaction lands in that one commit, or none does. Statements are prepared once and
+// take every value as a bound parameter. The file (and SQLite's -wal and -shm files next to it) is
+// 0600 and its folder 0700, whatever the umask, and all three are opened through the held folder's
+// descriptor.
 //
 // Values are sealed at rest (AES-256-GCM under the store key, a fresh random nonce per write) with
 // the item's account, service and access group as associated data: a copy of the file reveals no
@@ -88,6 +90,21 @@ class SqliteItemStore final : public ItemStore {
   StoreStatus listAccounts(const ItemQuery& query, std::vector<std::string>* accounts) override;
   StoreStatus update(const ItemQuery& query, const SecretBytes& value) override;
   StoreStatus remove(const ItemQuery& query) override;
+  // BEGIN IMMEDIATE on the connection; the write lock is held until the commit or rollback.
+  StoreStatus beginTransaction() override;
+  StoreStatus commitTransaction() override;
+  void rollbackTransaction() override;
+
+  // Another store object over this object's connection, with its own default access group (none
+  // when absent). Its writes join this object's transactions, so that items written through both
+  // (the key store's sealed keys and the records that name them) land in one commit. The two
+  // objects together serve one thread at a time, as one object does.
+  std::unique_ptr<SqliteItemStore> shareConnection(std::optional<std::string> defaultAccessGroup);
+
+  // How many times the process has synced a store file to the disk (the database or its -wal,
+  // through any SqliteItemStore): one per durable commit with Synchronous::full, more when a
+  // checkpoint runs.
+  static uint64_t syncCount();
 
   // Adds every item in one transaction: all of them or, on the first failure, none.
   StoreStatus addAll(std::span<const std::pair<ItemAttributes, SecretBytes>> items);
@@ -105,8 +122,9 @@ class SqliteItemStore final : public ItemStore {
 
  private:
   struct Impl;
-  explicit SqliteItemStore(std::unique_ptr<Impl> impl);
-  std::unique_ptr<Impl> impl_;
+  SqliteItemStore(std::shared_ptr<Impl> impl, std::optional<std::string> defaultAccessGroup);
+  std::shared_ptr<Impl> impl_;
+  std::optional<std::string> defaultAccessGroup_;
 };
 
 }  // namespace corvane::linux_platform

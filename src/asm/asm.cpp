@@ -315,6 +315,7 @@ void Asm::registration(const AsmRequest& request) {
     return;
   }
   tempRegisterIn_ = *args;
+  registrationRecordWritten_ = false;
   const auto fail = [&](uint64_t status, Error error) {
     tempRegisterIn_.reset();  // no answer will come for this registration
     corvaneDelegate_.asmRegisterResponse(statusOnly(status), error);
@@ -351,6 +352,8 @@ void Asm::authenticatorRegisterResponse(const RegisterResponseCommand* response,
   // Taken out first: the delegate may start the next registration from its callback.
   std::optional<RegisterIn> registerIn = std::move(tempRegisterIn_);
   tempRegisterIn_.reset();
+  const bool recordWritten = registrationRecordWritten_;
+  registrationRecordWritten_ = false;
 
   AsmResponse answer;
   std::optional<Error> answerError;
@@ -366,33 +369,40 @@ void Asm::authenticatorRegisterResponse(const RegisterResponseCommand* response,
     answerError = rewrap(error);
   } else if (!registerIn) {
     failWith(kNoPendingRegistration);
-  } else if (!response->krd || !response->krd->base64UrlKeyID ||
-             response->krd->base64UrlKeyID->empty() || !response->krd->aaid ||
-             response->krd->aaid->empty() || !response->keyHandle) {
-    failWith(kIncompleteResponse);
-  } else if (!asmToken_) {
-    failWith(kNoAsmToken);
+  } else if (!recordWritten) {
+    // An authenticator that answers success must have had the record written in its commit.
+    failWith(kCannotStoreRecord);
   } else {
-    const std::string& keyID = *response->krd->base64UrlKeyID;
-    std::optional<SecretBytes> record =
-        makeRegistrationRecord(facetID_, registerIn->appID.value_or(""), *response->keyHandle,
-                               keyID, asmToken_->exposeSecretText(), response->userVerification);
-    const std::string userHash = Utils::sha256(registerIn->username.value_or(""));
-    if (!record) {
-      failWith(kInvalidText);
-    } else if (keychain_.insertOrUpdateGenericPasswordWithAccount(
-                   joined(userHash, *response->krd->aaid), joined(kAsmData, keyID),
-                   joined(kAsmData, userHash), *record) != StoreStatus::ok) {
-      failWith(kCannotStoreRecord);
-    } else {
-      RegisterOut out;
-      out.assertion = response->assertion;
-      out.assertionScheme = std::string(GenericAuthenticator::kAssertionScheme);
-      answer.statusCode = kStatusOk;
-      answer.responseData = std::move(out);
-    }
+    RegisterOut out;
+    out.assertion = response->assertion;
+    out.assertionScheme = std::string(GenericAuthenticator::kAssertionScheme);
+    answer.statusCode = kStatusOk;
+    answer.responseData = std::move(out);
   }
   corvaneDelegate_.asmRegisterResponse(answer, answerError);
+}
+
+Result<void> Asm::authenticatorRegistrationRecords(const RegisterResponseCommand& response) {
+  if (!tempRegisterIn_) return asmError(kStatusError, kNoPendingRegistration);
+  const RegisterIn& registerIn = *tempRegisterIn_;
+  if (!response.krd || !response.krd->base64UrlKeyID || response.krd->base64UrlKeyID->empty() ||
+      !response.krd->aaid || response.krd->aaid->empty() || !response.keyHandle) {
+    return asmError(kStatusError, kIncompleteResponse);
+  }
+  if (!asmToken_) return asmError(kStatusError, kNoAsmToken);
+  const std::string& keyID = *response.krd->base64UrlKeyID;
+  std::optional<SecretBytes> record =
+      makeRegistrationRecord(facetID_, registerIn.appID.value_or(""), *response.keyHandle, keyID,
+                             asmToken_->exposeSecretText(), response.userVerification);
+  if (!record) return asmError(kStatusError, kInvalidText);
+  const std::string userHash = Utils::sha256(registerIn.username.value_or(""));
+  if (keychain_.insertOrUpdateGenericPasswordWithAccount(
+          joined(userHash, *response.krd->aaid), joined(kAsmData, keyID),
+          joined(kAsmData, userHash), *record) != StoreStatus::ok) {
+    return asmError(kStatusError, kCannotStoreRecord);
+  }
+  registrationRecordWritten_ = true;
+  return {};
 }
 
 void Asm::authenticate(const AsmRequest& request) {

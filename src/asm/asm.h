@@ -97,6 +97,10 @@ class Asm final : public AsmDelegate {
                                      const std::optional<Error>& error) override;
   void authenticatorSignResponse(const SignResponseCommand* response,
                                  const std::optional<Error>& error) override;
+  // Writes the registration record of the pending registration: called by the authenticator
+  // inside its store transaction, so the record lands in the same commit as the key and the
+  // authenticator's records. A successful answer without it is refused (kCannotStoreRecord).
+  Result<void> authenticatorRegistrationRecords(const RegisterResponseCommand& response) override;
 
   // "<facet ID>.asmToken": the service of the ASM token item.
   const std::string& asmTokenTag() const { return asmTokenTag_; }
@@ -146,6 +150,8 @@ class Asm final : public AsmDelegate {
   std::string asmTokenTag_;
   std::optional<SecretBytes> asmToken_;  // the hexadecimal text of the token
   std::optional<RegisterIn> tempRegisterIn_;
+  // Whether the pending registration's record was written (authenticatorRegistrationRecords).
+  bool registrationRecordWritten_ = false;
   Authenticators authenticators_;
 };
 

@@ -2,7 +2,8 @@
 //
 // AuthenticatorFeature: what every authenticator offers the ASM. Registration and signing answer
 // later through the AsmDelegate the authenticator was built with, possibly on another thread.
-// AsmDelegate: how authenticators answer the ASM.
+// AsmDelegate: how authenticators answer the ASM, and how the ASM writes its registration record
+// inside the authenticator's store transaction.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include "authenticator/authenticator_info.h"
 #include "authenticator/commands.h"
 #include "corvane/error.h"
+#include "foundation/result.h"
 #include "foundation/utils.h"
 
 namespace corvane {
@@ -47,6 +49,14 @@ class AsmDelegate {
                                              const std::optional<Error>& error) = 0;
   virtual void authenticatorSignResponse(const SignResponseCommand* response,
                                          const std::optional<Error>& error) = 0;
+  // Called by an authenticator whose registration succeeded, inside the item-store transaction
+  // that holds its key and records and before that transaction commits, on the thread doing the
+  // authenticator's work: the ASM writes its registration record for `response` in the same
+  // transaction, so that the registration lands whole or not at all. On an error the
+  // authenticator rolls back and answers the registration with the error's code and message.
+  // An authenticator must call it before it answers a registration with success.
+  [[nodiscard]] virtual Result<void> authenticatorRegistrationRecords(
+      const RegisterResponseCommand& response) = 0;
 };
 
 }  // namespace corvane

@@ -159,6 +159,11 @@ class Keychain {
                                                                       std::string_view bioMsg,
                                                                       Error* error);
 
+  // A transaction on the item store for the life of the returned scope (ItemStoreTransaction):
+  // the writes of this Keychain, and the key store's when it keeps its keys in the same store
+  // (the Linux platform does), land in one commit or not at all.
+  ItemStoreTransaction transaction() { return ItemStoreTransaction(items_); }
+
   // Deletes every generic-password item with the label and access group (the last-pattern items
   // carry another label and stay), and the key pairs those records named: ok, notFound when
   // there was nothing, storeError.

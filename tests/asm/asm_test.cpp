@@ -189,6 +189,10 @@ TEST(AsmStatus, RegistrationStatusPaths) {
             {"NotSupported", REG((A{true, failure(6), {}})), 0, std::nullopt, true},
             {"NoKrd", REG((A{true, noKrd, {}})), 1, error(1, Asm::kIncompleteResponse), true},
             {"HandleNotUtf8", REG((A{true, badHandle, {}})), 1, error(1, Asm::kInvalidText), true},
+            {"RecordNotStored", ARRANGE(rig.keys.fake()->failAllWrites(true)), 1,
+             error(1, "cannot store registration data."), true},
+            {"SuccessWithoutRecord", ARRANGE(rig.authenticator(2).writesRecords = false), 1,
+             error(1, "cannot store registration data."), true},
             {"StoreUnreadable", ARRANGE(rig.keys.fake()->failAllReads(true)), 1,
              error(1, "the item store failed."), false}},
            false);

@@ -66,6 +66,13 @@ class SwitchedItemStore final : public ItemStore {
   StoreStatus remove(const ItemQuery& query) override {
     return failing ? StoreStatus::storeError : inner_->remove(query);
   }
+  StoreStatus beginTransaction() override {
+    return failing ? StoreStatus::storeError : inner_->beginTransaction();
+  }
+  StoreStatus commitTransaction() override {
+    return failing ? StoreStatus::storeError : inner_->commitTransaction();
+  }
+  void rollbackTransaction() override { inner_->rollbackTransaction(); }
 
  private:
   std::shared_ptr<ItemStore> inner_;

@@ -3,14 +3,26 @@
 // every outcome, success and failure, with its exact code and text.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <iostream>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <openssl/evp.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <zlib.h>
+
 #include <nlohmann/json.hpp>
 
 #include "client/discovery.h"
@@ -18,6 +30,8 @@
 #include "corvane/corvane.h"
 #include "corvane/linux_platform.h"
 #include "crypto/aes_wb_helper.h"
+#include "fakes/fake_item_store.h"
+#include "fakes/fake_key_store.h"
 #include "fakes/manual_scheduler.h"
 #include "fakes/scripted_presenter.h"
 #include "foundation/byte_io.h"
@@ -87,30 +101,55 @@ std::string authenticationRequest(json headerExtra = json::object(),
   return json::array({message}).dump();
 }
 
+// The host's bundle ("Host.app") under `root`.
+void writeHostBundle(const std::filesystem::path& root, bool patternActive = true) {
+  testing::writeFile(
+      root / "Host.app" / "Info.plist",
+      std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                  "<key>CFBundleIdentifier</key><string>com.example.host</string>"
+                  "<key>zandrel_fido_sdk_config</key><dict>"
+                  "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
+                  "<key>zandrel_fido_pattern_lock_active</key>") +
+          (patternActive ? "<string>Y</string>"
+                         : "<string>N</string><key>zandrel_fido_biometric_active</key>"
+                           "<string>N</string>") +
+          "</dict></dict></plist>");
+}
+
 class Host {
  public:
-  explicit Host(bool patternActive = true, bool withPresenter = true) {
-    testing::writeFile(
-        dir.path() / "Host.app" / "Info.plist",
-        std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                    "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-                    "<key>zandrel_fido_sdk_config</key><dict>"
-                    "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
-                    "<key>zandrel_fido_pattern_lock_active</key>") +
-            (patternActive ? "<string>Y</string>"
-                           : "<string>N</string><key>zandrel_fido_biometric_active</key>"
-                             "<string>N</string>") +
-            "</dict></dict></plist>");
+  struct Setup {
+    bool patternActive = true;
+    bool withPresenter = true;
+    // An existing folder holding "Host.app" and "data"; a fresh temporary one when absent.
+    std::optional<std::filesystem::path> root;
+    bool durableWrites = false;
+    // Changes the Linux platform before Corvane is made (fake stores, for example).
+    std::function<void(Platform&)> adjust;
+  };
+
+  static Setup basic(bool patternActive, bool withPresenter) {
+    Setup setup;
+    setup.patternActive = patternActive;
+    setup.withPresenter = withPresenter;
+    return setup;
+  }
+  explicit Host(bool patternActive = true, bool withPresenter = true)
+      : Host(basic(patternActive, withPresenter)) {}
+  explicit Host(const Setup& setup) : root(setup.root.value_or(dir.path())) {
+    if (!setup.root) writeHostBundle(root, setup.patternActive);
     linux_platform::LinuxPlatformOptions options;
-    options.hostBundleDirectory = dir.path() / "Host.app";
-    options.dataDirectory = dir.path() / "data";
+    options.hostBundleDirectory = root / "Host.app";
+    options.dataDirectory = root / "data";
     options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = false;
+    options.durableWrites = setup.durableWrites;
     Error error;
     std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
     EXPECT_TRUE(platform) << error.localizedDescription();
+    if (!platform) return;
     platform->scheduler = scheduler;
-    if (withPresenter) platform->screenPresenter = presenter;
+    if (setup.withPresenter) platform->screenPresenter = presenter;
+    if (setup.adjust) setup.adjust(*platform);
     corvane = Corvane::create(recorder, std::move(*platform), &error);
     EXPECT_TRUE(corvane) << error.localizedDescription();
   }
@@ -126,6 +165,7 @@ class Host {
   const Outcome& last() const { return recorder->outcomes.back(); }
 
   testing::TempDir dir;
+  std::filesystem::path root;
   std::shared_ptr<testing::ManualScheduler> scheduler =
       std::make_shared<testing::ManualScheduler>();
   std::shared_ptr<testing::ScriptedPresenter> presenter =
@@ -406,6 +446,260 @@ TEST(FlowsTest, AaidLookUps) {
   EXPECT_FALSE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0001", infos));
 }
 
+// --- All or nothing ---
+
+// Registers `user` through the facade, drawing the pattern on both screens.
+const Outcome& registerUser(Host& host, std::string_view user) {
+  host.corvane->doRegistration(DoRegReq{registrationRequest(user), "pattern", "", {}});
+  host.draw(2);
+  return host.last();
+}
+
+const Outcome& authenticateUser(Host& host, std::string_view user) {
+  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(), std::string(user), {}, ""});
+  host.draw(1);
+  return host.last();
+}
+
+// Every item of the fake store, attributes and value, in insertion order.
+std::vector<std::string> everyItem(const testing::FakeItemStore& store) {
+  std::vector<std::string> out;
+  for (const testing::FakeItemStore::Item& item : store.items()) {
+    const ItemAttributes& a = item.attributes;
+    out.push_back(a.account.value_or("-") + "|" + a.service.value_or("-") + "|" +
+                  a.generic.value_or("-") + "|" +
+                  (a.label ? std::string(a.label->begin(), a.label->end()) : "-") + "|" +
+                  a.accessGroup.value_or("-") + "|" + hexadecimalString(item.value.exposeSecret()));
+  }
+  return out;
+}
+
+// For every write a registration (then an authentication) makes, the commit included: when that
+// write fails the host gets a failure and the store holds exactly what it held before, and the
+// next attempt succeeds. The loop ends at the first N beyond the operation's writes.
+TEST(AllOrNothingTest, AFailedWriteAnywhereLeavesTheStoresAsTheyWere) {
+  // What the host is told when the Nth write fails. Registration: "AUTHNR.data", pattern, fail
+  // record, ASM record, commit. Authentication: fail record, counter, sign time, commit.
+  const std::vector<std::string> registrationTexts = {
+      "the item store failed.", "cannot store the pattern.", "the item store failed.",
+      "cannot store registration data.", "the item store failed."};
+  const std::vector<std::string> authenticationTexts = {
+      "the item store failed.", "cannot update authenticator data",
+      "cannot update authenticator data", "cannot update authenticator data"};
+  for (const bool authentication : {false, true}) {
+    const std::vector<std::string>& texts =
+        authentication ? authenticationTexts : registrationTexts;
+    int succeededAt = 0;
+    for (int n = 1; n < 20 && succeededAt == 0; ++n) {
+      SCOPED_TRACE(::testing::Message()
+                   << (authentication ? "authentication" : "registration") << ", write " << n);
+      auto items = std::make_shared<testing::FakeItemStore>();
+      items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+      auto keys = std::make_shared<testing::FakeKeyStore>();
+      Host::Setup setup;
+      setup.adjust = [&](Platform& platform) {
+        platform.itemStore = items;
+        platform.keyStore = keys;
+      };
+      Host host(setup);
+      // Another user first: the installation's own items (the authenticators' key, the ASM
+      // token) exist before the operation under test.
+      ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
+      if (authentication) {
+        ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
+      }
+      const std::vector<std::string> before = everyItem(*items);
+      const std::vector<std::string> keysBefore = keys->tags();
+      const int commits = items->commitCount();
+
+      items->failWriteNumber(n);
+      const Outcome outcome =
+          authentication ? authenticateUser(host, "alice") : registerUser(host, "alice");
+      items->failWriteNumber(0);
+      if (outcome.error.code() == 0) {
+        succeededAt = n;
+        EXPECT_EQ(items->commitCount(), commits + 1);
+        break;
+      }
+      EXPECT_FALSE(outcome.response);
+      ASSERT_LE(static_cast<size_t>(n), texts.size());
+      EXPECT_EQ(outcome.error, Error::corvane(10000, texts[static_cast<size_t>(n - 1)]));
+      EXPECT_EQ(everyItem(*items), before);
+      EXPECT_EQ(keys->tags(), keysBefore);
+      EXPECT_FALSE(items->inTransaction());
+      // Nothing half-written stands in the way (no record answering 20003, no stale counter).
+      const Outcome again =
+          authentication ? authenticateUser(host, "alice") : registerUser(host, "alice");
+      EXPECT_EQ(again.error.code(), 0) << again.error.localizedDescription();
+    }
+    EXPECT_EQ(static_cast<size_t>(succeededAt), texts.size() + 1);
+  }
+}
+
+// The rows of items.sqlite: account, service, generic, label and access group, sorted.
+std::vector<std::string> storedRows(const std::filesystem::path& file) {
+  std::vector<std::string> rows;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
+  sqlite3_stmt* statement = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db,
+                               "SELECT ifnull(account, '-'), ifnull(service, '-'), "
+                               "ifnull(generic, '-'), ifnull(CAST(label AS TEXT), '-'), "
+                               "ifnull(access_group, '-') FROM items",
+                               -1, &statement, nullptr),
+            SQLITE_OK);
+  while (sqlite3_step(statement) == SQLITE_ROW) {
+    std::string row;
+    for (int column = 0; column < 5; ++column) {
+      row += (column > 0 ? " | " : "");
+      row += reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+    }
+    rows.push_back(std::move(row));
+  }
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+  std::sort(rows.begin(), rows.end());
+  return rows;
+}
+
+std::string replaced(std::string text, std::string_view from, std::string_view to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// A killed registration leaves all of it or none of it: a child process registers "alice" over
+// the SQLite store and is killed at a random moment, 50 times; afterwards alice has either every
+// item of a registration or none, the file is sound, and a last registration succeeds.
+TEST(AllOrNothingTest, AKilledRegistrationLeavesAllOrNothing) {
+  testing::TempDir dir;
+  writeHostBundle(dir.path());
+  Host::Setup setup;
+  setup.root = dir.path();
+  setup.durableWrites = true;
+  const std::filesystem::path file = dir.path() / "data" / "items.sqlite";
+  const std::string aliceHash = Utils::sha256("alice");
+  {
+    Host warm(setup);
+    ASSERT_EQ(registerUser(warm, "bob").error.code(), 0);
+  }
+  const auto aliceRows = [&] {
+    size_t count = 0;
+    for (const std::string& row : storedRows(file)) count += row.find(aliceHash) != row.npos;
+    return count;
+  };
+  const auto forget = [&] {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
+    const std::string sql = "DELETE FROM items WHERE account LIKE '%" + aliceHash + "%'";
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  };
+  // A child that registers alice; it writes one byte to the pipe just before it asks.
+  const auto start = [&](int pipeEnds[2]) {
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    ::close(pipeEnds[0]);
+    int status = 1;
+    {
+      Host child(setup);
+      // The host's own temporary folder is unused here; a killed child could not remove it.
+      std::error_code ignored;
+      std::filesystem::remove_all(child.dir.path(), ignored);
+      const char byte = 1;
+      if (child.corvane && ::write(pipeEnds[1], &byte, 1) == 1) {
+        status = registerUser(child, "alice").error.code() == 0 ? 0 : 1;
+      }
+      ::_exit(status);
+    }
+  };
+  const auto run = [&](std::optional<std::chrono::microseconds> killAfter) {
+    int pipeEnds[2];
+    EXPECT_EQ(::pipe(pipeEnds), 0);
+    const pid_t pid = start(pipeEnds);
+    ::close(pipeEnds[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(pipeEnds[0], &byte, 1), 1);
+    const auto asked = std::chrono::steady_clock::now();
+    if (killAfter) {
+      std::this_thread::sleep_for(*killAfter);
+      ::kill(pid, SIGKILL);
+    }
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    ::close(pipeEnds[0]);
+    return std::pair(status, std::chrono::steady_clock::now() - asked);
+  };
+
+  // One whole registration, to learn its items and how long it takes.
+  const auto [status, took] = run(std::nullopt);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  const size_t complete = aliceRows();
+  ASSERT_EQ(complete, 5u);  // pattern, "AUTHNR.data", fail record, ASM record, key
+  forget();
+
+  std::mt19937 random(std::random_device{}());
+  const auto span = std::chrono::duration_cast<std::chrono::microseconds>(took).count();
+  std::uniform_int_distribution<int64_t> moment(0, span + span / 4);
+  int whole = 0;
+  for (int i = 0; i < 50; ++i) {
+    run(std::chrono::microseconds(moment(random)));
+    const size_t rows = aliceRows();
+    ASSERT_TRUE(rows == 0 || rows == complete) << "after kill " << i << ": " << rows << " items";
+    if (rows == complete) {
+      ++whole;
+      forget();
+    }
+  }
+  std::cout << "[ killed  ] " << whole << " of 50 registrations had committed\n";
+
+  Host last(setup);
+  ASSERT_EQ(registerUser(last, "alice").error.code(), 0);
+  EXPECT_EQ(authenticateUser(last, "alice").error.code(), 0);
+  EXPECT_EQ(aliceRows(), complete + 1);  // and the sign time
+}
+
+// The persisted layout after one registration and one authentication: a renamed constant would
+// orphan every user's data, so the names are pinned here as literals.
+TEST(PersistedLayoutTest, OneRegistrationAndOneAuthentication) {
+  Host host;
+  const Outcome& registered = registerUser(host, "alice");
+  const Bytes reg = readResponse(registered, "Y2hhbGxlbmdl");
+  const auto krd = elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
+  const std::string keyID(asText(krd.at(0x2E09)));
+  ASSERT_EQ(authenticateUser(host, "alice").error.code(), 0);
+
+  // {H}: SHA-256 hex of "alice"; {B}: the key ID in base64url.
+  const std::string rows[] = {
+      "0F3D#0002 | AUTHNR.authKeyTag | - | com.example.host.Corvane | CORVANELNX.com.example.host",
+      "AUTHNR.patternLock.{H}.0F3D#0002 | AUTHNR.patternLock | AUTHNR.patternLock.{H} | "
+      "com.example.host.Corvane | CORVANELNX.com.example.host",
+      "CORVANE | ios:bundle-id:com.example.host.asmToken | - | com.example.host.Corvane | "
+      "CORVANELNX.com.example.host",
+      "Corvane.installed | corvane.installation | - | - | CORVANELNX.com.example.host",
+      "{H}.0F3D#0002 | ASMKH.data.{B} | ASMKH.data.{H} | com.example.host.Corvane | "
+      "CORVANELNX.com.example.host",
+      "{H}.0F3D#0002 | AUTHNR.data.{B} | AUTHNR.data.{H} | com.example.host.Corvane | "
+      "CORVANELNX.com.example.host",
+      "{H}.0F3D#0002 | AUTHNR.patternlock | - | com.example.host.Corvane | "
+      "CORVANELNX.com.example.host",
+      "{H}.0F3D#0002 | AUTHNR.signtime.{B} | AUTHNR.signtime.{H} | com.example.host.Corvane | "
+      "CORVANELNX.com.example.host",
+      "bundleSeedID |  | - | - | CORVANELNX.com.example.host",
+      "ios:bundle-id:com.example.host.0F3D#0002.PRI.{H} | corvane.keystore | - | "
+      "corvane.keystore | -",
+  };
+  std::vector<std::string> expected;
+  for (const std::string& row : rows) {
+    expected.push_back(replaced(
+        replaced(row, "{H}", "2bd806c97f0e00af1a1fc3328fa763a9269723c8db8fac4f93af71db186d6e90"),
+        "{B}", Utils::base64URLSafeStringFromData(asBytes(keyID))));
+  }
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(storedRows(host.root / "data" / "items.sqlite"), expected);
+}
+
 // ----- data sync and the white-box extension -----
 
 // base64url of a gzip member of `text`, as the server (wbgen user-tables) packs a bundle half.
@@ -512,18 +806,12 @@ uint64_t enrolment(Host& host, std::string_view user) {
   return supported ? supported->status : 0;
 }
 
-void registerUser(Host& host, const std::string& user) {
-  host.corvane->doRegistration(DoRegReq{registrationRequest(user), "pattern", user, {}});
-  host.draw(2);
-  ASSERT_EQ(host.last().error.code(), 0) << host.last().error.localizedDescription();
-}
-
 TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
   Host host;
-  registerUser(host, "alice");
+  ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
   const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
   const Bytes publicKey = elements(elements(elements(reg).at(0x3E01)).at(0x3E03)).at(0x2E0C);
-  registerUser(host, "bob");
+  ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
 
   Bytes keyBytes(32);
   for (size_t i = 0; i < keyBytes.size(); ++i) keyBytes[i] = static_cast<uint8_t>(0xA0 + 7 * i);
@@ -703,9 +991,9 @@ TEST(SyncTest, EveryFailureHasItsCodeAndText) {
 
 TEST(SyncTest, ServerDataRemovesTheNamedRegistrations) {
   Host host;
-  registerUser(host, "alice");
-  registerUser(host, "bob");
-  registerUser(host, "carol");
+  ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
+  ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
+  ASSERT_EQ(registerUser(host, "carol").error.code(), 0);
   Error error = Error::corvane(1, "untouched");
   host.corvane->syncServerData(SyncServerData{"ios:bundle-id:com.example.host",
                                               {{"alice", "0F3D#0001", ""},

@@ -24,7 +24,10 @@ class FakeItemStore : public ItemStore {
     listAccounts,
     update,
     remove,
-    findFirstAttributes
+    findFirstAttributes,
+    beginTransaction,
+    commitTransaction,
+    rollbackTransaction
   };
   struct Call {
     Op op;
@@ -38,8 +41,9 @@ class FakeItemStore : public ItemStore {
     uint64_t sequence;
   };
 
-  // Fault switches. Writes are add, upsert, update and remove; reads the other three. A failing
-  // call changes nothing and answers storeError.
+  // Fault switches. Writes are add, upsert, update, remove and the commit of a transaction; reads
+  // the other four. A failing call changes nothing and answers storeError; a failing write inside
+  // a transaction spoils it (its commit fails and nothing of it lands), as in the SQLite store.
   // The `n`th write from now fails (1: the next one); 0 switches it off.
   void failWriteNumber(int n) { writesUntilFailure_ = n; }
   void failAllWrites(bool fail) { failAllWrites_ = fail; }
@@ -59,6 +63,32 @@ class FakeItemStore : public ItemStore {
   void clearCalls() { calls_.clear(); }
   const std::vector<Item>& items() const { return items_; }
   int writeCount() const { return writes_; }
+  // Transactions committed, and whether one is open.
+  int commitCount() const { return commits_; }
+  bool inTransaction() const { return snapshot_.has_value(); }
+
+  StoreStatus beginTransaction() override {
+    if (snapshot_) return record(Op::beginTransaction, {}, StoreStatus::storeError);
+    snapshot_ = Snapshot{items_, tick_, sequence_};
+    spoiled_ = false;
+    return record(Op::beginTransaction, {}, StoreStatus::ok);
+  }
+
+  StoreStatus commitTransaction() override {
+    if (!snapshot_) return record(Op::commitTransaction, {}, StoreStatus::storeError);
+    if (writeFault() || spoiled_) {
+      restore();
+      return record(Op::commitTransaction, {}, StoreStatus::storeError);
+    }
+    snapshot_.reset();
+    ++commits_;
+    return record(Op::commitTransaction, {}, StoreStatus::ok);
+  }
+
+  void rollbackTransaction() override {
+    if (snapshot_) restore();
+    record(Op::rollbackTransaction, {}, StoreStatus::ok);
+  }
 
   StoreStatus add(const ItemAttributes& item, const SecretBytes& value) override {
     return record(Op::add, item.asQuery(),
@@ -125,7 +155,22 @@ class FakeItemStore : public ItemStore {
   }
 
  private:
+  struct Snapshot {
+    std::vector<Item> items;
+    int64_t tick;
+    uint64_t sequence;
+  };
+
+  void restore() {
+    items_ = std::move(snapshot_->items);
+    tick_ = snapshot_->tick;
+    sequence_ = snapshot_->sequence;
+    snapshot_.reset();
+  }
+
   StoreStatus record(Op op, ItemQuery query, StoreStatus status) {
+    const bool write = op == Op::add || op == Op::upsert || op == Op::update || op == Op::remove;
+    if (write && status == StoreStatus::storeError && snapshot_) spoiled_ = true;
     calls_.push_back({op, std::move(query), status});
     return status;
   }
@@ -190,6 +235,9 @@ class FakeItemStore : public ItemStore {
   int64_t tick_ = 0;
   uint64_t sequence_ = 0;
   int writes_ = 0;
+  int commits_ = 0;
+  std::optional<Snapshot> snapshot_;
+  bool spoiled_ = false;
   int writesUntilFailure_ = 0;
   bool failAllWrites_ = false;
   bool failAllReads_ = false;

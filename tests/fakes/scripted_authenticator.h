@@ -27,11 +27,26 @@ class ScriptedAuthenticator final : public AuthenticatorFeature {
   Answer<RegisterResponseCommand> registerAnswer;
   Answer<SignResponseCommand> signAnswer;
   bool deferAnswers = false;
+  // False: a successful answer skips the ASM's record write (an authenticator that breaks the
+  // rule).
+  bool writesRecords = true;
   uint64_t supportStatus = 2;
   std::vector<RegisterCommand> registerCommands;
   std::vector<SignCommand> signCommands;
 
+  // A successful answer is preceded by the ASM's record write, as a real authenticator does it
+  // inside its transaction; when that fails the answer is the failure.
   void answerRegister() {
+    if (writesRecords && registerAnswer.present && registerAnswer.response.statusCode == 0) {
+      if (Result<void> written =
+              delegate_.authenticatorRegistrationRecords(registerAnswer.response);
+          !written) {
+        RegisterResponseCommand failed;
+        failed.statusCode = static_cast<uint64_t>(written.error().code());
+        delegate_.authenticatorRegisterResponse(&failed, written.error());
+        return;
+      }
+    }
     delegate_.authenticatorRegisterResponse(
         registerAnswer.present ? &registerAnswer.response : nullptr, registerAnswer.error);
   }

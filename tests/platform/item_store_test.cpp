@@ -294,6 +294,111 @@ TEST_P(ItemStoreNames, CaseAndWildcardsNeverWidenAMatch) {
   EXPECT_EQ(listed, (List{"s_c", "svc"}));
 }
 
+// A transaction lands whole or not at all, in both stores: a rollback, a scope left without a
+// commit and (in the fake, which can fail a write) a failed write inside it leave the store as it
+// was; a duplicate inside it is an answer, not a failure; transactions do not nest.
+TEST_P(ItemStoreNames, TransactionsLandWholeOrNotAtAll) {
+  ASSERT_EQ(store_->add(item("a", "s"), secret("1")), StoreStatus::ok);
+  const auto value = [this](std::string account) -> std::string {
+    SecretBytes found;
+    const StoreStatus status = store_->findFirst(item(account, "s").asQuery(), &found);
+    if (status == StoreStatus::notFound) return "-";
+    return status == StoreStatus::ok ? std::string(found.exposeSecretText()) : "error";
+  };
+  const auto state = [&] { return value("a") + value("b") + value("c"); };
+
+  EXPECT_EQ(store_->commitTransaction(), StoreStatus::storeError);  // none open
+  store_->rollbackTransaction();                                    // none open: nothing
+
+  ASSERT_EQ(store_->beginTransaction(), StoreStatus::ok);
+  EXPECT_EQ(store_->beginTransaction(), StoreStatus::storeError);  // not nested
+  EXPECT_EQ(store_->upsert(item("a", "s"), secret("2")), StoreStatus::ok);
+  EXPECT_EQ(store_->add(item("b", "s"), secret("3")), StoreStatus::ok);
+  EXPECT_EQ(state(), "23-");  // the transaction sees its own writes
+  store_->rollbackTransaction();
+  EXPECT_EQ(state(), "1--");
+
+  {
+    ItemStoreTransaction scope(*store_);
+    ASSERT_TRUE(scope.isOpen());
+    EXPECT_EQ(store_->remove(item("a", "s").asQuery()), StoreStatus::ok);
+    EXPECT_EQ(store_->add(item("c", "s"), secret("4")), StoreStatus::ok);
+  }
+  EXPECT_EQ(state(), "1--");
+
+  {
+    ItemStoreTransaction scope(*store_);
+    EXPECT_EQ(store_->add(item("a", "s"), secret("x")), StoreStatus::duplicate);
+    EXPECT_EQ(store_->update(item("a", "s").asQuery(), secret("5")), StoreStatus::ok);
+    EXPECT_EQ(store_->add(item("b", "s"), secret("6")), StoreStatus::ok);
+    EXPECT_EQ(store_->remove(item("z", "s").asQuery()), StoreStatus::notFound);
+    EXPECT_EQ(scope.commit(), StoreStatus::ok);
+  }
+  EXPECT_EQ(state(), "56-");
+
+  if (auto* fake = dynamic_cast<testing::FakeItemStore*>(store_.get())) {
+    for (int n = 1; n <= 3; ++n) {
+      SCOPED_TRACE(n);
+      ASSERT_EQ(store_->beginTransaction(), StoreStatus::ok);
+      fake->failWriteNumber(n);
+      static_cast<void>(store_->upsert(item("a", "s"), secret("7")));
+      static_cast<void>(store_->add(item("c", "s"), secret("8")));
+      // The third write is the commit itself.
+      EXPECT_EQ(store_->commitTransaction(), StoreStatus::storeError);
+      fake->failWriteNumber(0);
+      EXPECT_EQ(state(), "56-");
+      EXPECT_FALSE(fake->inTransaction());
+    }
+  }
+}
+
+// The SQLite store's transaction is the connection's: a second object made with
+// shareConnection writes into it, another connection sees nothing until the commit, the commit
+// is one sync of the log, and a delete inside it empties the log after the commit.
+TEST(SqliteItemStoreTest, SharedConnectionWritesJoinOneCommit) {
+  TempDir dir;
+  const fs::path file = dir.path() / "items.sqlite";
+  std::unique_ptr<SqliteItemStore> store = SqliteItemStore::open(file, nullptr);
+  std::unique_ptr<SqliteItemStore> independent = SqliteItemStore::open(file, nullptr);
+  ASSERT_TRUE(store && independent);
+  std::unique_ptr<SqliteItemStore> shared = store->shareConnection(std::nullopt);
+  ASSERT_NE(shared, nullptr);
+  const auto seen = [](ItemStore& by, std::string account) {
+    return by.findFirst(item(account, "s", std::nullopt, std::nullopt).asQuery(), nullptr);
+  };
+
+  ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
+  EXPECT_EQ(shared->beginTransaction(), StoreStatus::storeError);  // the same transaction
+  EXPECT_EQ(shared->add(item("key", "s", std::nullopt, std::nullopt), secret("k")),
+            StoreStatus::ok);
+  store->rollbackTransaction();
+  EXPECT_EQ(seen(*store, "key"), StoreStatus::notFound);
+
+  const uint64_t syncs = SqliteItemStore::syncCount();
+  ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
+  EXPECT_EQ(shared->add(item("key", "s", std::nullopt, std::nullopt), secret("k")),
+            StoreStatus::ok);
+  EXPECT_EQ(store->upsert(item("record", "s", std::nullopt, std::nullopt), secret("r")),
+            StoreStatus::ok);
+  EXPECT_EQ(store->upsert(item("other", "s", std::nullopt, std::nullopt), secret("o")),
+            StoreStatus::ok);
+  EXPECT_EQ(seen(*independent, "key"), StoreStatus::notFound);
+  EXPECT_EQ(seen(*independent, "record"), StoreStatus::notFound);
+  EXPECT_EQ(store->commitTransaction(), StoreStatus::ok);
+  EXPECT_EQ(SqliteItemStore::syncCount() - syncs, 1u);
+  EXPECT_EQ(seen(*independent, "key"), StoreStatus::ok);
+  EXPECT_EQ(seen(*independent, "record"), StoreStatus::ok);
+
+  independent.reset();  // a reader would keep the log from being emptied
+  ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
+  EXPECT_EQ(shared->remove(item("key", "s", std::nullopt, std::nullopt).asQuery()),
+            StoreStatus::ok);
+  EXPECT_GT(fs::file_size(dir.path() / "items.sqlite-wal"), 0u);
+  EXPECT_EQ(store->commitTransaction(), StoreStatus::ok);
+  EXPECT_EQ(fs::file_size(dir.path() / "items.sqlite-wal"), 0u);
+  EXPECT_EQ(seen(*store, "key"), StoreStatus::notFound);
+}
+
 INSTANTIATE_TEST_SUITE_P(Stores, ItemStoreNames, ::testing::Values("sqlite", "fake"),
                          [](const ::testing::TestParamInfo<std::string>& info) {
                            return info.param;

@@ -60,6 +60,9 @@ class SpyDelegate final : public AsmDelegate {
     answers.push_back({response->statusCode, error ? error->localizedDescription() : "", {}});
     next->authenticatorSignResponse(response, error);
   }
+  Result<void> authenticatorRegistrationRecords(const RegisterResponseCommand& response) override {
+    return next->authenticatorRegistrationRecords(response);
+  }
 };
 
 // Everything a process has; reopen() is a restart over the same data directory.

@@ -20,6 +20,12 @@
 // Order: items are ordered by creation time, ties (several items in one clock tick) broken by
 // insertion order, so the order is total. "First" means oldest, listings are newest first.
 //
+// Transactions: between beginTransaction and commitTransaction every write of this object (and of
+// any other object the store says shares its transaction) is held back and lands in one durable
+// commit, or, after rollbackTransaction, a failed commit or a killed process, not at all. A
+// transaction is not nested: a second begin while one is open is refused. A write that fails
+// inside a transaction spoils it: the commit then answers storeError and nothing lands.
+//
 // Thread-safety: one object serves one thread at a time (calls must not overlap). Separate objects,
 // even on the same file, may be used from different threads and processes at once.
 #pragma once
@@ -92,6 +98,15 @@ class ItemStore {
   // may treat as success), `storeError` when the store failed and nothing was deleted.
   virtual StoreStatus remove(const ItemQuery& query) = 0;
 
+  // Opens a transaction: `ok`, or `storeError` when one is open already or the store fails.
+  virtual StoreStatus beginTransaction() = 0;
+  // Makes every write since beginTransaction durable in one commit: `ok`; `storeError` (and
+  // nothing of the transaction lands) when a write inside it failed or the commit fails, or when
+  // no transaction is open.
+  virtual StoreStatus commitTransaction() = 0;
+  // Drops every write since beginTransaction; nothing when no transaction is open.
+  virtual void rollbackTransaction() = 0;
+
   // The label-wide wipe: deletes every item with this label and access group, whatever its
   // account, service and generic.
   StoreStatus removeLabeled(std::vector<uint8_t> label, std::optional<std::string> accessGroup) {
@@ -100,6 +115,34 @@ class ItemStore {
     query.accessGroup = std::move(accessGroup);
     return remove(query);
   }
+};
+
+// Opens a transaction on `store` for the life of the scope: rolled back when the scope ends
+// without a commit that succeeded.
+class ItemStoreTransaction {
+ public:
+  explicit ItemStoreTransaction(ItemStore& store)
+      : store_(store), open_(store.beginTransaction() == StoreStatus::ok) {}
+  ~ItemStoreTransaction() { rollback(); }
+  ItemStoreTransaction(const ItemStoreTransaction&) = delete;
+  ItemStoreTransaction& operator=(const ItemStoreTransaction&) = delete;
+
+  // Whether the transaction was opened (false: the store refused or failed).
+  [[nodiscard]] bool isOpen() const { return open_; }
+  // `storeError` when the transaction was never opened or its commit failed.
+  [[nodiscard]] StoreStatus commit() {
+    if (!open_) return StoreStatus::storeError;
+    open_ = false;
+    return store_.commitTransaction();
+  }
+  void rollback() {
+    if (open_) store_.rollbackTransaction();
+    open_ = false;
+  }
+
+ private:
+  ItemStore& store_;
+  bool open_;
 };
 
 }  // namespace corvane
