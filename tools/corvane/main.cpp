@@ -26,6 +26,7 @@
 #include "corvane/linux_platform.h"
 #include "corvane/linux_terminal_presenter.h"
 #include "corvane/status_codes.h"
+#include "corvane/sync.h"
 
 namespace {
 
@@ -370,6 +371,24 @@ int main(int argc, char** argv) {
                                                 *extsData,
                                                 options.get("display-name").value_or("")});
     status = awaitAnswer();
+  } else if (command == "sync") {
+    corvane::RegData1 tables;
+    if (std::optional<std::string> file = options.get("tables")) {
+      std::optional<std::string> text = readInput(*file);
+      const json bundle = text ? json::parse(*text, nullptr, false) : json();
+      if (!bundle.is_object()) return fail(kInvalidArgument, "--tables takes a JSON object file");
+      for (const auto& [half, member] :
+           {std::pair{&tables.data1, "data1"}, std::pair{&tables.data2, "data2"}}) {
+        auto it = bundle.find(member);
+        if (it != bundle.end() && it->is_string()) *half = it->get<std::string>();
+      }
+    } else {
+      tables.data1 = options.get("data1");
+      tables.data2 = options.get("data2");
+    }
+    const bool stored =
+        client->syncRegData(corvane::SyncRegDataRequest{options.get("username"), tables}, &error);
+    status = stored ? 0 : fail(error);
   } else if (command == "deregister") {
     bool removed = false;
     if (options.get("request")) {
