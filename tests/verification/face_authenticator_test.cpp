@@ -447,6 +447,11 @@ class Host {
   std::unique_ptr<Corvane> corvane;
 };
 
+// "<code> <message>", for readable failures.
+std::string described(const Error& error) {
+  return std::to_string(error.code()) + " " + error.localizedDescription();
+}
+
 std::string uafRequest(std::string_view op, std::optional<std::string_view> user) {
   json message = {
       {"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"serverData", "sd"}}},
@@ -483,8 +488,9 @@ TEST(FaceAuthenticatorTest, FacadeDiscoversBiometryOnlyWithAReaderAndReportsACha
   host.corvane->doAuthentication(DoAuthReq{uafRequest("Auth", std::nullopt), "alice", {}, "Alice"});
   host.scheduler->drain();
   ASSERT_EQ(host.recorder->errors.size(), 2u);
-  EXPECT_EQ(host.recorder->errors.back(),
-            Error::corvane(20006, "the biometric enrolment has changed: register again."));
+  EXPECT_EQ(described(host.recorder->errors.back()),
+            "20006 "
+            "the biometric enrolment has changed: register again.");
   EXPECT_EQ(biometry->promptsShown().size(), 1u);
 }
 
