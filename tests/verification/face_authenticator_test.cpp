@@ -393,6 +393,11 @@ TEST(FaceAuthenticatorTest, ChangedEnrolmentKeepsOnlyConvenienceRegistrations) {
     EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20006);
     EXPECT_FALSE(rig.hasRecord("AUTHNR.data") || rig.hasRecord("ASMKH.data") || rig.hasBioItem());
     EXPECT_NE(state, Utils::base64URLSafeStringFromData(*rig.biometry.enrolmentState()));
+    // The user registers again over the new enrolment and signs with the new key (the prompt
+    // queued above is still unused, so the sign has one).
+    rig.registerUser();
+    rig.startSign();
+    EXPECT_EQ(rig.verifiedCounter(), 1u);
   }
 }
 
