@@ -4,7 +4,8 @@
 FUZZ_SECONDS ?= 60
 PACKAGES := build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev \
 	libssl-dev zlib1g-dev libsqlite3-dev libcurl4-openssl-dev nlohmann-json3-dev libplist-dev \
-	libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev curl jq tmux
+	libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev curl jq tmux libsystemd-dev \
+	dbus fprintd libfprint-2-2 python3-dbusmock
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 .PHONY: deps test demo asan fuzz bench format clean

@@ -15,15 +15,16 @@
 // (Platform::recordDatabaseDirectory) and checks the whole path again each time it opens.
 //
 // Ports: SQLite item store, OpenSSL key store (its keys sealed inside the item store, through the
-// same connection, so a key and its records land in one commit), no-reader biometry, the host's and
-// Corvane's bundle folders, the defaults file, the CLOCK_BOOTTIME clock, uname for the device and
-// libcurl for HTTPS.
+// same connection, so a key and its records land in one commit), fprintd or no biometry
+// (options.biometry), the host's and Corvane's bundle folders, the defaults file, the
+// CLOCK_BOOTTIME clock, uname for the device and libcurl for HTTPS.
 //
 // The namespace is `corvane::linux_platform`: the GNU dialects (-std=gnu++20, g++'s default)
 // predefine a macro `linux`, so a namespace of that name could not be spelled there.
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +42,13 @@ inline constexpr std::string_view kUserDefaultsFileName = "defaults.json";
 // The application-identifier prefix of the item store's default access group when the host sets
 // none (the Keychain reads it back as the bundle seed ID).
 inline constexpr std::string_view kDefaultTeamId = "CORVANELNX";
+
+// Which biometry the platform talks to.
+enum class LinuxBiometry {
+  none,     // no biometry: the biometric authenticator is not offered
+  fprintd,  // the fingerprint daemon on the system D-Bus; without it or without a reader, the
+            // same as none
+};
 
 struct LinuxPlatformOptions {
   // The host application's bundle folder (Info.plist with a CFBundleIdentifier, string tables,
@@ -67,6 +75,11 @@ struct LinuxPlatformOptions {
   // The user's languages, best first ("fr-CA", "de"), which pick the bundles' localizations;
   // default: LANGUAGE, LC_ALL, LC_MESSAGES or LANG.
   std::optional<std::vector<std::string>> userLanguages;
+  // The biometry behind the biometric authenticator.
+  LinuxBiometry biometry = LinuxBiometry::none;
+  // With fprintd: receives the prompt text when a fingerprint scan starts, on the background
+  // thread (fprintd shows nothing itself). May be empty.
+  std::function<void(std::string_view prompt)> biometryPrompt;
   // A PEM file of CA certificates that the HTTP client trusts besides the system's store (a
   // private deployment's CA, a test CA). Read once, when the platform is made.
   std::optional<std::filesystem::path> extraCaFile;

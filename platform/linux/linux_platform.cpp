@@ -14,6 +14,7 @@
 #include "linux/boottime_clock.h"
 #include "linux/bundle_directory.h"
 #include "linux/curl_http_client.h"
+#include "linux/fprintd_biometry.h"
 #include "linux/linux_device_info.h"
 #include "linux/no_biometry.h"
 #include "linux/openssl_key_store.h"
@@ -209,8 +210,14 @@ std::optional<Platform> makePlatform(const LinuxPlatformOptions& options, Error*
 
   Platform platform;
   platform.itemStore = std::move(items);
+  if (options.biometry == LinuxBiometry::fprintd) {
+    FprintdBiometry::Options biometryOptions;
+    biometryOptions.onPrompt = options.biometryPrompt;
+    platform.biometry = std::make_shared<FprintdBiometry>(storeKey, std::move(biometryOptions));
+  } else {
+    platform.biometry = std::make_shared<NoBiometry>();
+  }
   platform.keyStore = std::make_shared<OpenSslKeyStore>(std::move(keyItems), std::move(storeKey));
-  platform.biometry = std::make_shared<NoBiometry>();
   platform.hostBundle = std::move(host);
   platform.frameworkBundle = std::move(framework);
   platform.userDefaults = std::move(defaults);

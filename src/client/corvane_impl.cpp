@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "authenticator/generic_authenticator.h"
+#include "verification/face_authenticator.h"
 #include "verification/pattern_lock_authenticator.h"
 
 namespace corvane {
@@ -55,6 +56,17 @@ Asm& Corvane::Impl::assistant() {
                     AuthenticatorServices{keychain, patternManager, configuration,
                                           *platform.scheduler, *platform.screenPresenter,
                                           *platform.deviceInfo, *platform.clock, facetID()});
+          }
+          // Biometry is offered where the device has a reader, enrolled or not, so that the host
+          // hears why it cannot be used yet.
+          if (platform.screenPresenter && platform.biometry->biometryType() != BiometryType::none) {
+            made[GenericAuthenticator::kUserVerificationBiometry] =
+                std::make_unique<FaceAuthenticator>(
+                    asmDelegate,
+                    AuthenticatorServices{keychain, patternManager, configuration,
+                                          *platform.scheduler, *platform.screenPresenter,
+                                          *platform.deviceInfo, *platform.clock, facetID()},
+                    *platform.biometry, *platform.userDefaults);
           }
           return made;
         });

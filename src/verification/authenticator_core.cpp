@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "authenticator/generic_authenticator.h"
@@ -269,6 +270,34 @@ Result<SignResponseCommand> AuthenticatorCore::signByAuthenticator(const SignCom
   SignResponseCommand response;
   response.assertion = std::move(assertion);
   return response;
+}
+
+uint64_t AuthenticatorCore::deregister(std::optional<std::string_view> keyID) {
+  constexpr uint64_t kNothingToDeregister = 3;
+  if (keyID) {
+    return keychain_.deleteGenericPasswordWithAccount(
+               std::nullopt, joined(GenericAuthenticator::kAuthenticatorData, *keyID),
+               std::nullopt) == StoreStatus::storeError
+               ? kStatusError
+               : 0;
+  }
+  Result<std::vector<std::string>> services =
+      keychain_.findGenericPasswordServicesDescWithAccount(std::nullopt, std::nullopt);
+  if (!services) return kStatusError;
+  if (services->empty()) return kNothingToDeregister;
+  for (const std::string& service : *services) {
+    if (keychain_.deleteGenericPasswordWithAccount(std::nullopt, service, std::nullopt) ==
+        StoreStatus::storeError) {
+      return kStatusError;
+    }
+  }
+  return 0;
+}
+
+bool AuthenticatorCore::hasTextTransaction(const std::vector<Transaction>& transactions) {
+  return std::any_of(transactions.begin(), transactions.end(), [](const Transaction& tc) {
+    return tc.contentType == kTransactionContentTypeText && tc.content.has_value();
+  });
 }
 
 Result<void> AuthenticatorCore::deleteRegistration(std::string_view username) {

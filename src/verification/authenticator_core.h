@@ -21,8 +21,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "authenticator/commands.h"
 #include "authenticator/tlv_helper.h"
@@ -73,6 +75,13 @@ class AuthenticatorCore {
   // Deletes the user's registration records ("ASMKH.data", "AUTHNR.data", "AUTHNR.signtime") and
   // key pair (a lockout wipe). The pattern items stay.
   Result<void> deleteRegistration(std::string_view username);
+
+  // Deregistration: the records of a base64url key ID, or every record of the system when absent.
+  // An authenticator status: 0, 1 when the store fails, 3 when there was nothing at all.
+  uint64_t deregister(std::optional<std::string_view> keyID);
+
+  // Whether a transaction list holds a text/plain entry with content (the only kind shown).
+  static bool hasTextTransaction(const std::vector<Transaction>& transactions);
 
   static std::string userHash(std::string_view username);
   // "H.A".

@@ -22,7 +22,6 @@ constexpr uint64_t kStatusTemporarilyLocked = 17;
 constexpr uint64_t kStatusAttemptFailed = 18;
 constexpr uint64_t kSupported = 2;
 constexpr uint64_t kNoPasscode = 3;
-constexpr uint64_t kNothingToDeregister = 3;
 
 std::string withNumber(std::string_view text, int64_t number) {
   std::string out(text);
@@ -30,12 +29,6 @@ std::string withNumber(std::string_view text, int64_t number) {
     out.replace(at, 3, std::to_string(number));
   }
   return out;
-}
-
-bool hasTextTransaction(const std::vector<Transaction>& transactions) {
-  return std::any_of(transactions.begin(), transactions.end(), [](const Transaction& tc) {
-    return tc.contentType == kTransactionContentTypeText && tc.content.has_value();
-  });
 }
 
 int64_t memberNumber(const nlohmann::json& object, const char* name) {
@@ -266,7 +259,7 @@ void PatternLockAuthenticator::signWithCommand(const SignCommand& command) {
         std::string(support == kNoPasscode ? kPreconditionFailed : kDeviceNotSupported));
     return;
   }
-  if (command.originalTc && !hasTextTransaction(*command.originalTc)) {
+  if (command.originalTc && !AuthenticatorCore::hasTextTransaction(*command.originalTc)) {
     answerSignFailure(kStatusParamsInvalid,
                       std::string(AuthenticatorCore::kNoDisplayableTransaction));
     return;
@@ -427,25 +420,7 @@ void PatternLockAuthenticator::unlockedPatternSendBackCommand(const SignCommand&
 // --- Deregistration ---
 
 uint64_t PatternLockAuthenticator::deregister(std::optional<std::string_view> keyID) {
-  if (keyID) {
-    const std::string service =
-        std::string(GenericAuthenticator::kAuthenticatorData) + "." + std::string(*keyID);
-    return services_.keychain.deleteGenericPasswordWithAccount(
-               std::nullopt, service, std::nullopt) == StoreStatus::storeError
-               ? kStatusError
-               : 0;
-  }
-  Result<std::vector<std::string>> services =
-      services_.keychain.findGenericPasswordServicesDescWithAccount(std::nullopt, std::nullopt);
-  if (!services) return kStatusError;
-  if (services->empty()) return kNothingToDeregister;
-  for (const std::string& service : *services) {
-    if (services_.keychain.deleteGenericPasswordWithAccount(std::nullopt, service, std::nullopt) ==
-        StoreStatus::storeError) {
-      return kStatusError;
-    }
-  }
-  return 0;
+  return core_.deregister(keyID);
 }
 
 // --- Records ---

@@ -18,8 +18,9 @@ namespace corvane::testing {
 
 class ScriptedBiometry final : public BiometryPort {
  public:
-  // How the next prompt ends.
-  enum class Prompt { success, userCancel, failed };
+  // How the next prompt ends. `lockout`: the user is not recognised once too often and the
+  // platform locks biometry (availability becomes lockout).
+  enum class Prompt { success, userCancel, failed, lockout };
   enum class Op { protect, read };
   struct Call {
     Op op;
@@ -94,6 +95,9 @@ class ScriptedBiometry final : public BiometryPort {
         return record(Op::read, prompt, true, BiometryStatus::ok);
       case Prompt::userCancel:
         return record(Op::read, prompt, true, BiometryStatus::userCancel);
+      case Prompt::lockout:
+        availability_ = BiometryAvailability::lockout;
+        return record(Op::read, prompt, true, BiometryStatus::notAvailable);
       case Prompt::failed:
         break;
     }

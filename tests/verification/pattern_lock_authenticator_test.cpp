@@ -23,6 +23,7 @@
 #include "foundation/byte_io.h"
 #include "test_files.h"
 #include "test_support.h"
+#include "uaf_assertions.h"
 
 namespace corvane {
 namespace {
@@ -145,39 +146,17 @@ class Rig {
     ASSERT_EQ(corvane.answers.back().response.statusCode, 0u)
         << (spy.answers.empty() ? "" : spy.answers.back().message);
     const auto& out = std::get<RegisterOut>(corvane.answers.back().response.responseData);
-    const Bytes assertion = Utils::decodeBase64Url(out.assertion.value()).value();
-    ByteReader top(assertion);
-    std::optional<ByteReader> reg = top.readElement(tlv::TAG_UAFV1_REG_ASSERTION);
-    ASSERT_TRUE(reg);
-    std::optional<ByteReader> krd = reg->readElement(tlv::TAG_UAFV1_KRD);
-    ASSERT_TRUE(krd);
-    while (std::optional<TlvElement> element = krd->readElement()) {
-      const Bytes value(element->value.rest().begin(), element->value.rest().end());
-      if (element->tag == tlv::TAG_PUB_KEY) publicKey = value;
-      if (element->tag == tlv::TAG_KEYID) keyID = Utils::base64URLSafeStringFromData(value);
-    }
+    std::optional<testing::RegisteredKey> key = testing::registeredKey(out.assertion.value());
+    ASSERT_TRUE(key);
+    publicKey = key->publicKey;
+    keyID = key->keyID;
     ASSERT_EQ(publicKey.size(), 91u);
   }
   // The sign counter of the last authentication answer, after checking its signature.
   std::optional<uint32_t> verifiedCounter() {
     const auto* out = std::get_if<AuthenticateOut>(&corvane.answers.back().response.responseData);
     if (out == nullptr || !out->assertion) return std::nullopt;
-    const Bytes assertion = Utils::decodeBase64Url(*out->assertion).value();
-    ByteReader top(assertion);
-    std::optional<ByteReader> auth = top.readElement(tlv::TAG_UAFV1_AUTH_ASSERTION);
-    if (!auth) return std::nullopt;
-    std::optional<TlvElement> signedData = auth->readElement();
-    std::optional<ByteReader> signature = auth->readElement(tlv::TAG_SIGNATURE);
-    if (!signedData || !signature) return std::nullopt;
-    if (!testing::verifies(publicKey, signedData->whole, signature->rest())) return std::nullopt;
-    std::optional<uint32_t> counter;
-    while (std::optional<TlvElement> element = signedData->value.readElement()) {
-      if (element->tag == tlv::TAG_COUNTERS) {
-        const ByteView c = element->value.rest();
-        counter = c[0] | c[1] << 8 | c[2] << 16 | static_cast<uint32_t>(c[3]) << 24;
-      }
-    }
-    return counter;
+    return testing::verifiedSignCounter(publicKey, *out->assertion);
   }
   bool hasRecord(std::string_view prefix) {
     Result<std::vector<std::string>> services =

@@ -34,14 +34,16 @@
 
 namespace corvane {
 
-// Whether biometric verification can run now (the platform's availability test).
-enum class BiometryAvailability {
-  available,
-  notAvailable,    // no reader, or the reader cannot be used (the "not supported" case)
-  notEnrolled,     // a reader but no finger or face enrolled
-  lockout,         // too many failed attempts; the device passcode must be entered first
-  passcodeNotSet,  // biometry needs a device passcode and there is none
-  other,           // any other reason
+// Whether biometric verification can run now (the platform's availability test). The values are
+// the platform's own codes, so that a port can pass on what its platform answered and a reader of
+// a log sees the number the platform documents.
+enum class BiometryAvailability : int32_t {
+  available = 0,
+  passcodeNotSet = -5,  // biometry needs a device passcode and there is none
+  notAvailable = -6,    // no reader, or the reader cannot be used (the "not supported" case)
+  notEnrolled = -7,     // a reader but no finger or face enrolled
+  lockout = -8,         // too many failed attempts; the device passcode must be entered first
+  other = -1000,        // any other reason (the daemon failed, an unknown answer)
 };
 
 enum class BiometryType { none, fingerprint, face };

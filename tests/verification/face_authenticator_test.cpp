@@ -1,0 +1,482 @@
+// The biometric authenticator through the ASM and through the facade, over the real Linux stores
+// in a temporary data directory, with the scripted biometry, the scripted presenter and the manual
+// queue: every availability answer, registration and signing with the assertions checked with
+// OpenSSL, the prompts and the transaction screen in their order, and what a changed enrolment
+// does under each security level.
+#include "verification/face_authenticator.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "asm/asm.h"
+#include "corvane/corvane.h"
+#include "corvane/linux_platform.h"
+#include "corvane/status_codes.h"
+#include "crypto/attestation_material.h"
+#include "fakes/fake_clock.h"
+#include "fakes/fake_device_info.h"
+#include "fakes/manual_scheduler.h"
+#include "fakes/scripted_authenticator.h"
+#include "fakes/scripted_biometry.h"
+#include "fakes/scripted_presenter.h"
+#include "foundation/byte_io.h"
+#include "test_files.h"
+#include "test_support.h"
+#include "uaf_assertions.h"
+
+namespace corvane {
+namespace {
+
+using nlohmann::json;
+using testing::ManualScheduler;
+using testing::ScriptedBiometry;
+using testing::ScriptedPresenter;
+using Prompt = ScriptedBiometry::Prompt;
+constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
+constexpr std::string_view kAppID = "https://rp.example/app";
+constexpr std::string_view kUser = "alice";
+constexpr std::string_view kChallenge = "eyJmY1BhcmFtcyI6MX0";
+constexpr std::string_view kRegPrompt = "Verify your identity to turn on biometric sign-in.";
+constexpr std::string_view kAuthPrompt = "Verify your identity to sign in.";
+
+struct Answer {
+  uint64_t status;
+  std::string message;
+};
+
+class SpyDelegate final : public AsmDelegate {
+ public:
+  AsmDelegate* next = nullptr;
+  std::vector<Answer> answers;
+
+  void authenticatorRegisterResponse(const RegisterResponseCommand* response,
+                                     const std::optional<Error>& error) override {
+    answers.push_back({response->statusCode, error ? error->localizedDescription() : ""});
+    next->authenticatorRegisterResponse(response, error);
+  }
+  void authenticatorSignResponse(const SignResponseCommand* response,
+                                 const std::optional<Error>& error) override {
+    answers.push_back({response->statusCode, error ? error->localizedDescription() : ""});
+    next->authenticatorSignResponse(response, error);
+  }
+};
+
+std::string hostInfo(std::optional<std::string_view> level) {
+  std::string plist = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                      "<key>CFBundleIdentifier</key><string>com.example.host</string>"
+                      "<key>zandrel_fido_sdk_config</key><dict>"
+                      "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>";
+  if (level) {
+    plist += "<key>zandrel_fido_biometric_security_level</key><string>" + std::string(*level) +
+             "</string>";
+  }
+  return plist + "</dict></dict></plist>";
+}
+
+// The ASM with the biometric authenticator at index 1, over the real stores.
+class Rig {
+ public:
+  explicit Rig(std::optional<std::string_view> level = std::nullopt) {
+    testing::writeFile(dir.path() / "Host.app" / "Info.plist", hostInfo(level));
+    linux_platform::LinuxPlatformOptions options;
+    options.hostBundleDirectory = dir.path() / "Host.app";
+    options.dataDirectory = dir.path() / "data";
+    options.frameworkBundleDirectory = testing::resourcesDir();
+    options.durableWrites = false;
+    Error error;
+    platform = linux_platform::makePlatform(options, &error);
+    EXPECT_TRUE(platform) << error.localizedDescription();
+    configuration = std::make_unique<Configuration>(
+        *platform->hostBundle, *platform->frameworkBundle, *platform->userDefaults);
+    keychain = std::make_unique<Keychain>(*platform->itemStore, *platform->keyStore, biometry,
+                                          *configuration, &attestation);
+    patterns = std::make_unique<PatternManager>(*keychain);
+    asm_ = std::make_unique<Asm>(
+        corvane, *keychain, *configuration, std::string(kFacet), [this](AsmDelegate& asmDelegate) {
+          spy.next = &asmDelegate;
+          Asm::Authenticators made;
+          auto face = std::make_unique<FaceAuthenticator>(
+              spy,
+              AuthenticatorServices{*keychain, *patterns, *configuration, scheduler, presenter,
+                                    device, clock, std::string(kFacet)},
+              biometry, *platform->userDefaults);
+          authenticator = face.get();
+          made[1] = std::move(face);
+          return made;
+        });
+  }
+
+  AsmRequest request(AsmRequestType type, AsmRequest::Args args) {
+    AsmRequest request;
+    request.requestType = static_cast<uint64_t>(type);
+    request.userVerification = 1;
+    request.args = std::move(args);
+    return request;
+  }
+  // Starts a registration; nothing may be answered inside the call.
+  void startRegistration() {
+    const size_t before = spy.answers.size();
+    asm_->registration(request(
+        AsmRequestType::kRegistration,
+        RegisterIn{std::string(kAppID), std::string(kUser), std::string(kChallenge), "Alice"}));
+    EXPECT_EQ(spy.answers.size(), before) << "answered inside the call";
+    scheduler.drain();
+  }
+  void startSign(std::optional<std::vector<Transaction>> transactions = std::nullopt) {
+    const size_t before = spy.answers.size();
+    asm_->authenticate(
+        request(AsmRequestType::kAuthenticate,
+                AuthenticateIn{std::string(kAppID), std::vector{keyID}, std::string(kUser),
+                               std::string(kChallenge), std::move(transactions), "Alice"}));
+    EXPECT_EQ(spy.answers.size(), before) << "answered inside the call";
+    scheduler.drain();
+  }
+  // A registration whose prompt matches; remembers the key ID and public key.
+  void registerUser() {
+    biometry.queuePrompt(Prompt::success);
+    startRegistration();
+    ASSERT_EQ(asmStatus(), 0u) << last().message;
+    const auto& out = std::get<RegisterOut>(corvane.answers.back().response.responseData);
+    std::optional<testing::RegisteredKey> key = testing::registeredKey(out.assertion.value());
+    ASSERT_TRUE(key);
+    publicKey = key->publicKey;
+    keyID = key->keyID;
+    ASSERT_EQ(publicKey.size(), 91u);
+  }
+  // The sign counter of the last authentication answer, after checking its signature.
+  std::optional<uint32_t> verifiedCounter() {
+    const auto* out = std::get_if<AuthenticateOut>(&corvane.answers.back().response.responseData);
+    if (out == nullptr || !out->assertion) return std::nullopt;
+    return testing::verifiedSignCounter(publicKey, *out->assertion);
+  }
+  bool hasRecord(std::string_view prefix) {
+    Result<std::vector<std::string>> services =
+        keychain->findGenericPasswordServicesDescWithAccount(
+            Utils::sha256(kUser) + ".0F3D#0002", std::string(prefix) + "." + Utils::sha256(kUser));
+    return services && !services->empty();
+  }
+  bool hasBioItem() {
+    Result<std::vector<std::string>> services =
+        keychain->findGenericPasswordServicesDescWithAccount("bio_account_" + Utils::sha256(kUser),
+                                                             std::nullopt);
+    return services && services->size() == 1 &&
+           services->front() == "bio_service_" + Utils::sha256(kUser);
+  }
+  const Answer& last() const { return spy.answers.back(); }
+  uint64_t asmStatus() const { return corvane.answers.back().response.statusCode; }
+
+  testing::TempDir dir;
+  testing::FakeClock clock{1'000'000'000};
+  testing::FakeDeviceInfo device;
+  ManualScheduler scheduler;
+  ScriptedPresenter presenter;
+  ScriptedBiometry biometry;
+  testing::RecordingCorvaneDelegate corvane;
+  SpyDelegate spy;
+  WhiteboxAttestationKeySource attestation;
+  std::optional<Platform> platform;
+  std::unique_ptr<Configuration> configuration;
+  std::unique_ptr<Keychain> keychain;
+  std::unique_ptr<PatternManager> patterns;
+  std::unique_ptr<Asm> asm_;
+  FaceAuthenticator* authenticator = nullptr;
+  std::string keyID;
+  Bytes publicKey;
+};
+
+TEST(FaceAuthenticatorTest, EachAvailabilityAnswersRegistrationWithoutAPrompt) {
+  const struct {
+    BiometryAvailability availability;
+    BiometryType type;
+    uint64_t infoStatus;
+    uint64_t status;
+    const char* message;
+    uint64_t asmStatus;
+  } cases[] = {
+      {BiometryAvailability::notAvailable, BiometryType::none, 1, 14, "device not support", 15},
+      {BiometryAvailability::available, BiometryType::none, 1, 14, "device not support", 15},
+      {BiometryAvailability::other, BiometryType::fingerprint, 1, 14, "device not support", 15},
+      {BiometryAvailability::passcodeNotSet, BiometryType::face, 3, 14, "precondition failed", 15},
+      {BiometryAvailability::lockout, BiometryType::fingerprint, 5, 13, "user lockout", 13},
+      {BiometryAvailability::notEnrolled, BiometryType::fingerprint, 6, 14,
+       "user not enrolled face id", 15},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.availability));
+    Rig rig;
+    rig.biometry.setAvailability(c.availability);
+    rig.biometry.setBiometryType(c.type);
+    EXPECT_EQ(rig.authenticator->getInfo().status, c.infoStatus);
+    rig.startRegistration();
+    ASSERT_EQ(rig.spy.answers.size(), 1u);
+    EXPECT_EQ(rig.last().status, c.status);
+    EXPECT_EQ(rig.last().message, c.message);
+    EXPECT_EQ(rig.asmStatus(), c.asmStatus);
+    EXPECT_TRUE(rig.biometry.calls().empty());
+    EXPECT_FALSE(rig.hasRecord("AUTHNR.data"));
+    // Signing is refused the same way, before any screen or prompt.
+    rig.startSign(std::vector{Transaction{"text/plain", "SGk", std::nullopt}});
+    EXPECT_EQ(rig.last().status, c.status);
+    EXPECT_EQ(rig.presenter.shownCount(), 0u);
+  }
+  // Available with a kind: supported.
+  Rig rig;
+  rig.biometry.setBiometryType(BiometryType::face);
+  EXPECT_EQ(rig.authenticator->getInfo().status, 2u);
+}
+
+TEST(FaceAuthenticatorTest, RegistersAndSignsAfterEachPrompt) {
+  Rig rig;
+  rig.registerUser();
+  // The item was made, then read back once with the registration prompt.
+  ASSERT_EQ(rig.biometry.calls().size(), 2u);
+  EXPECT_EQ(rig.biometry.calls()[0].op, ScriptedBiometry::Op::protect);
+  EXPECT_EQ(rig.biometry.promptsShown(), std::vector<std::string>{std::string(kRegPrompt)});
+  EXPECT_TRUE(rig.hasRecord("AUTHNR.data") && rig.hasRecord("ASMKH.data") && rig.hasBioItem());
+  EXPECT_EQ(rig.platform->userDefaults->getString("FingerprintDatabaseStateKey"),
+            Utils::base64URLSafeStringFromData(*rig.biometry.enrolmentState()));
+
+  for (uint32_t expected : {1u, 2u}) {
+    rig.biometry.queuePrompt(Prompt::success);
+    rig.startSign();
+    ASSERT_EQ(rig.asmStatus(), 0u) << rig.last().message;
+    EXPECT_EQ(rig.verifiedCounter(), expected);
+  }
+  EXPECT_EQ(rig.biometry.promptsShown().back(), kAuthPrompt);
+
+  // A transaction is shown first; the prompt comes only after the user confirms it.
+  const size_t prompts = rig.biometry.promptsShown().size();
+  rig.biometry.queuePrompt(Prompt::success);
+  rig.startSign(std::vector{Transaction{"text/plain", "UGF5IDEwIEVVUg", std::nullopt}});
+  ASSERT_TRUE(rig.presenter.transaction());
+  EXPECT_EQ(rig.presenter.transaction()->transactionText(), "Pay 10 EUR");
+  EXPECT_EQ(rig.biometry.promptsShown().size(), prompts);
+  rig.presenter.transaction()->pressConfirm();
+  rig.scheduler.drain();
+  EXPECT_EQ(rig.biometry.promptsShown().size(), prompts + 1);
+  EXPECT_EQ(rig.presenter.shownCount(), 0u);
+  EXPECT_EQ(rig.verifiedCounter(), 3u);
+
+  // A second registration of the user is refused without a prompt and keeps the first key.
+  const size_t calls = rig.biometry.calls().size();
+  rig.startRegistration();
+  EXPECT_EQ(rig.last().status, 1u);
+  EXPECT_EQ(rig.last().message, "the user is registered already: deregister first.");
+  EXPECT_EQ(rig.biometry.calls().size(), calls);
+  rig.biometry.queuePrompt(Prompt::success);
+  rig.startSign();
+  EXPECT_EQ(rig.verifiedCounter(), 4u);
+  EXPECT_EQ(rig.biometry.unscriptedPrompts(), 0);
+}
+
+TEST(FaceAuthenticatorTest, FailedPromptsAnswerTheirStatus) {
+  Rig rig;
+  // A cancelled or failed registration prompt leaves nothing behind.
+  const struct {
+    Prompt prompt;
+    uint64_t status;
+    const char* message;
+    uint64_t asmStatus;
+  } registrations[] = {
+      {Prompt::userCancel, 5, "user canceled register action", 3},
+      {Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
+  };
+  for (const auto& c : registrations) {
+    rig.biometry.queuePrompt(c.prompt);
+    rig.startRegistration();
+    EXPECT_EQ(rig.last().status, c.status);
+    EXPECT_EQ(rig.last().message, c.message);
+    EXPECT_EQ(rig.asmStatus(), c.asmStatus);
+    EXPECT_FALSE(rig.hasRecord("AUTHNR.data") || rig.hasRecord("ASMKH.data") || rig.hasBioItem());
+    EXPECT_EQ(
+        rig.platform->keyStore->sign(std::string(kFacet) + ".0F3D#0002.PRI." + Utils::sha256(kUser),
+                                     Bytes(32, 1), nullptr),
+        StoreStatus::notFound);
+  }
+  rig.biometry.failProtect(true);
+  rig.startRegistration();
+  EXPECT_EQ(rig.last().status, 2u);
+  EXPECT_EQ(rig.last().message, "Unable add item to keychain with status : -36");
+  rig.biometry.failProtect(false);
+
+  rig.registerUser();
+  const struct {
+    Prompt prompt;
+    uint64_t status;
+    const char* message;
+    uint64_t asmStatus;
+  } signs[] = {
+      {Prompt::userCancel, 5, "user canceled sign action", 3},
+      {Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
+      {Prompt::lockout, 13, "user lockout", 13},
+  };
+  for (const auto& c : signs) {
+    rig.biometry.queuePrompt(c.prompt);
+    rig.startSign();
+    EXPECT_EQ(rig.last().status, c.status);
+    EXPECT_EQ(rig.last().message, c.message);
+    EXPECT_EQ(rig.asmStatus(), c.asmStatus);
+  }
+  rig.biometry.setAvailability(BiometryAvailability::available);
+  // Cancel on the transaction screen: no prompt at all.
+  const size_t prompts = rig.biometry.promptsShown().size();
+  rig.startSign(std::vector{Transaction{"text/plain", "SGk", std::nullopt}});
+  rig.presenter.transaction()->pressCancel();
+  rig.scheduler.drain();
+  EXPECT_EQ(rig.last().status, 5u);
+  EXPECT_EQ(rig.asmStatus(), 3u);
+  EXPECT_EQ(rig.biometry.promptsShown().size(), prompts);
+  EXPECT_EQ(rig.presenter.shownCount(), 0u);
+  // Only non-text transactions: refused before any screen.
+  rig.startSign(std::vector{Transaction{"image/png", "iVBO", std::nullopt}});
+  EXPECT_EQ(rig.last().status, 8u);
+  EXPECT_EQ(rig.presenter.shownCount(), 0u);
+  // The registration survived every failure.
+  rig.biometry.queuePrompt(Prompt::success);
+  rig.startSign();
+  EXPECT_EQ(rig.verifiedCounter(), 1u);
+}
+
+TEST(FaceAuthenticatorTest, ChangedEnrolmentKeepsOnlyConvenienceRegistrations) {
+  const struct {
+    std::optional<std::string_view> level;
+    bool kept;
+  } cases[] = {{"Convenience", true}, {"Strong", false}, {std::nullopt, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.level.value_or("absent")));
+    Rig rig(c.level);
+    rig.registerUser();
+    rig.biometry.changeEnrolment();
+    rig.biometry.queuePrompt(Prompt::success);
+    rig.startSign();
+    const std::optional<std::string> state =
+        rig.platform->userDefaults->getString("FingerprintDatabaseStateKey");
+    if (c.kept) {
+      EXPECT_EQ(rig.asmStatus(), 0u) << rig.last().message;
+      EXPECT_EQ(rig.verifiedCounter(), 1u);
+      // The enrolment verified last is the one stored.
+      EXPECT_EQ(state, Utils::base64URLSafeStringFromData(*rig.biometry.enrolmentState()));
+      continue;
+    }
+    // No prompt: the item no longer opens, every record is wiped, the host hears 20006.
+    EXPECT_EQ(rig.biometry.pendingPrompts(), 1u);
+    EXPECT_EQ(rig.last().status, 15u);
+    EXPECT_EQ(rig.last().message, "the biometric enrolment has changed: register again.");
+    EXPECT_EQ(rig.asmStatus(), 16u);
+    EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20006);
+    EXPECT_FALSE(rig.hasRecord("AUTHNR.data") || rig.hasRecord("ASMKH.data") || rig.hasBioItem());
+    EXPECT_NE(state, Utils::base64URLSafeStringFromData(*rig.biometry.enrolmentState()));
+    // The user registers again over the new enrolment and signs with the new key (the prompt
+    // queued above is still unused, so the sign has one).
+    rig.registerUser();
+    rig.startSign();
+    EXPECT_EQ(rig.verifiedCounter(), 1u);
+  }
+}
+
+TEST(FaceAuthenticatorTest, ALostItemWithTheSameEnrolmentIsAKeyThatDisappeared) {
+  Rig rig;
+  rig.registerUser();
+  ASSERT_EQ(rig.keychain->deleteGenericPasswordWithAccount(
+                std::nullopt, "bio_service_" + Utils::sha256(kUser), std::nullopt),
+            StoreStatus::ok);
+  rig.startSign();
+  EXPECT_EQ(rig.last().status, 9u);
+  EXPECT_EQ(rig.last().message, "the biometric item is gone: register again.");
+  EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20004);
+}
+
+// The facade: which authenticators a host discovers, and what it hears after an enrolment change.
+class Host {
+ public:
+  explicit Host(std::shared_ptr<BiometryPort> biometry) {
+    testing::writeFile(dir.path() / "Host.app" / "Info.plist", hostInfo(std::nullopt));
+    linux_platform::LinuxPlatformOptions options;
+    options.hostBundleDirectory = dir.path() / "Host.app";
+    options.dataDirectory = dir.path() / "data";
+    options.frameworkBundleDirectory = testing::resourcesDir();
+    options.durableWrites = false;
+    Error error;
+    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
+    EXPECT_TRUE(platform) << error.localizedDescription();
+    platform->scheduler = scheduler;
+    platform->screenPresenter = std::make_shared<ScriptedPresenter>();
+    if (biometry) platform->biometry = std::move(biometry);
+    corvane = Corvane::create(recorder, std::move(*platform), &error);
+    EXPECT_TRUE(corvane) << error.localizedDescription();
+  }
+  json discovered() {
+    Error error;
+    return json::parse(corvane->discover(&error).value_or("{}"))["availableAuthenticators"];
+  }
+
+  struct Recorder final : AuthUIControllerDelegate {
+    std::vector<Error> errors;
+    void onRegistrationComplete(std::optional<std::string>, const Error& error) override {
+      errors.push_back(error);
+    }
+    void onAuthenticationComplete(std::optional<std::string>, const Error& error) override {
+      errors.push_back(error);
+    }
+  };
+  testing::TempDir dir;
+  std::shared_ptr<ManualScheduler> scheduler = std::make_shared<ManualScheduler>();
+  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
+  std::unique_ptr<Corvane> corvane;
+};
+
+// "<code> <message>", for readable failures.
+std::string described(const Error& error) {
+  return std::to_string(error.code()) + " " + error.localizedDescription();
+}
+
+std::string uafRequest(std::string_view op, std::optional<std::string_view> user) {
+  json message = {
+      {"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"serverData", "sd"}}},
+      {"challenge", "Y2hhbGxlbmdl"},
+      {"policy", {{"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})}}}};
+  if (user) message["username"] = *user;
+  return json::array({message}).dump();
+}
+
+TEST(FaceAuthenticatorTest, FacadeDiscoversBiometryOnlyWithAReaderAndReportsAChangedEnrolment) {
+  // The default Linux platform without a reader: only the pattern lock.
+  EXPECT_EQ(Host(nullptr).discovered().size(), 1u);
+  auto notEnrolled = std::make_shared<ScriptedBiometry>();
+  notEnrolled->setAvailability(BiometryAvailability::notEnrolled);
+  EXPECT_EQ(Host(notEnrolled).discovered().size(), 1u);
+
+  auto biometry = std::make_shared<ScriptedBiometry>();
+  Host host(biometry);
+  EXPECT_EQ(host.discovered().size(), 2u);
+  biometry->queuePrompt(Prompt::success);
+  host.corvane->doRegistration(DoRegReq{uafRequest("Reg", kUser), "biometry", "Alice", {}});
+  host.scheduler->drain();
+  ASSERT_EQ(host.recorder->errors.size(), 1u);
+  EXPECT_EQ(host.recorder->errors.back().code(), 0);
+
+  Error error;
+  json question = json::parse(uafRequest("Auth", kUser));
+  std::optional<GetSupportedAuthenticatorResponse> supported =
+      host.corvane->getSupportedAuthenticator(question.dump(), &error);
+  ASSERT_TRUE(supported) << error.localizedDescription();
+  EXPECT_EQ(supported->userVerifications, std::vector<std::string>{"biometry"});
+
+  biometry->changeEnrolment();
+  host.corvane->doAuthentication(DoAuthReq{uafRequest("Auth", std::nullopt), "alice", {}, "Alice"});
+  host.scheduler->drain();
+  ASSERT_EQ(host.recorder->errors.size(), 2u);
+  EXPECT_EQ(described(host.recorder->errors.back()),
+            "20006 "
+            "the biometric enrolment has changed: register again.");
+  EXPECT_EQ(biometry->promptsShown().size(), 1u);
+}
+
+}  // namespace
+}  // namespace corvane
