@@ -182,6 +182,43 @@ Result<RegisterResponseCommand> AuthenticatorCore::registerAuthenticator(
   return response;
 }
 
+Result<RegisterResponseCommand> AuthenticatorCore::registerInOneCommit(
+    const RegisterCommand& command, uint64_t userVerification,
+    const std::function<Result<void>(const std::string& keyID)>& writeOwnRecords,
+    AsmDelegate& asmDelegate) {
+  ItemStoreTransaction transaction = keychain_.transaction();
+  if (!transaction.isOpen()) return failure(kStatusError, kStoreFailed);
+  Result<RegisterResponseCommand> made =
+      registerAuthenticator(command, userVerification, writeOwnRecords);
+  if (!made) return made;
+  Result<void> asmRecord = asmDelegate.authenticatorRegistrationRecords(*made);
+  if (!asmRecord) {
+    made = Error::corvane(kStatusError, asmRecord.error().message());
+  } else if (transaction.commit() != StoreStatus::ok) {
+    made = failure(kStatusError, kStoreFailed);
+  }
+  if (!made) {
+    transaction.rollback();
+    // A key store that keeps its keys outside the item store's transaction still holds the new
+    // key pair.
+    static_cast<void>(keychain_.deleteKeyPair(GenericAuthenticator::privateKeyTag(
+        facetID_, userHash(command.username.value_or(std::string())))));
+  }
+  return made;
+}
+
+Result<SignResponseCommand> AuthenticatorCore::signInOneCommit(
+    const SignCommand& command, const std::function<Result<void>()>& ownWrites) {
+  ItemStoreTransaction transaction = keychain_.transaction();
+  if (!transaction.isOpen()) return failure(kStatusError, kStoreFailed);
+  if (Result<void> own = ownWrites(); !own) return own.error();
+  Result<SignResponseCommand> signature = signByAuthenticator(command);
+  if (transaction.commit() != StoreStatus::ok && signature) {
+    signature = failure(kStatusError, kCannotUpdate);
+  }
+  return signature;
+}
+
 Result<SignResponseCommand> AuthenticatorCore::signByAuthenticator(const SignCommand& command) {
   const std::string username = command.username.value_or(std::string());
   const std::string hash = userHash(username);

@@ -26,6 +26,7 @@
 #include <string_view>
 #include <vector>
 
+#include "authenticator/authenticator_feature.h"
 #include "authenticator/commands.h"
 #include "authenticator/tlv_helper.h"
 #include "corvane/ports/clock.h"
@@ -67,6 +68,20 @@ class AuthenticatorCore {
   Result<RegisterResponseCommand> registerAuthenticator(
       const RegisterCommand& command, uint64_t userVerification,
       const std::function<Result<void>(const std::string& keyID)>& writeOwnRecords);
+
+  // registerAuthenticator inside one item-store transaction, with the ASM's record written through
+  // `asmDelegate` before the commit: the key pair, the records and the ASM's record land in one
+  // commit, or none does (a key pair a key store keeps outside the item store is deleted again).
+  Result<RegisterResponseCommand> registerInOneCommit(
+      const RegisterCommand& command, uint64_t userVerification,
+      const std::function<Result<void>(const std::string& keyID)>& writeOwnRecords,
+      AsmDelegate& asmDelegate);
+
+  // `ownWrites` then signByAuthenticator inside one item-store transaction. The commit is made
+  // whatever the signature's outcome (a counter once raised stays raised), but a write that
+  // failed spoils it and nothing lands.
+  Result<SignResponseCommand> signInOneCommit(const SignCommand& command,
+                                              const std::function<Result<void>()>& ownWrites);
 
   // The signature after the user was verified: the key handle checked against the command, the
   // counter raised, the sign time recorded, the sign assertion made.

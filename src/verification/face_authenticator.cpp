@@ -209,9 +209,9 @@ void FaceAuthenticator::registerWithCommand(const RegisterCommand& command) {
           *outcome = readFailure(error, kUserCanceledRegister);
           return;
         }
-        *outcome =
-            core_.registerAuthenticator(command, GenericAuthenticator::kUserVerificationBiometry,
-                                        [](const std::string&) -> Result<void> { return {}; });
+        *outcome = core_.registerInOneCommit(
+            command, GenericAuthenticator::kUserVerificationBiometry,
+            [](const std::string&) -> Result<void> { return {}; }, asmDelegate_);
         if (!**outcome) {
           static_cast<void>(
               keychain.deleteGenericPasswordWithAccount(account, service, std::nullopt));
@@ -282,7 +282,7 @@ void FaceAuthenticator::localAuthenticate(const SignCommand& command) {
           *outcome = readFailure(error, kUserCanceledSign);
           return;
         }
-        *outcome = core_.signByAuthenticator(command);
+        *outcome = core_.signInOneCommit(command, []() -> Result<void> { return {}; });
       },
       [this, alive = std::weak_ptr<bool>(alive_), outcome] {
         if (!alive.lock()) return;

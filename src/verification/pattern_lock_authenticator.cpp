@@ -157,13 +157,7 @@ void PatternLockAuthenticator::modifiedPatternSendBackCommand(const RegisterComm
       [this, alive = std::weak_ptr<bool>(alive_), command, outcome, sealed] {
         if (!alive.lock()) return;
         const std::string username = command.username.value_or(std::string());
-        // The key pair, the records and the ASM's record land in one commit, or none does.
-        ItemStoreTransaction transaction = services_.keychain.transaction();
-        if (!transaction.isOpen()) {
-          *outcome = Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
-          return;
-        }
-        Result<RegisterResponseCommand> made = core_.registerAuthenticator(
+        *outcome = core_.registerInOneCommit(
             command, GenericAuthenticator::kUserVerificationPattern,
             [&](const std::string& keyID) -> Result<void> {
               if (!services_.patterns.storeSealedPattern(*sealed, username)) {
@@ -175,23 +169,8 @@ void PatternLockAuthenticator::modifiedPatternSendBackCommand(const RegisterComm
                 return Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
               }
               return {};
-            });
-        if (made) {
-          Result<void> asmRecord = asmDelegate_.authenticatorRegistrationRecords(*made);
-          if (!asmRecord) {
-            made = Error::corvane(kStatusError, asmRecord.error().message());
-          } else if (transaction.commit() != StoreStatus::ok) {
-            made = Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
-          }
-          if (!made) {
-            transaction.rollback();
-            // A key store that keeps its keys outside the item store's transaction still holds
-            // the new key pair.
-            static_cast<void>(services_.keychain.deleteKeyPair(GenericAuthenticator::privateKeyTag(
-                services_.facetID, AuthenticatorCore::userHash(username))));
-          }
-        }
-        *outcome = std::move(made);
+            },
+            asmDelegate_);
       },
       [this, alive = std::weak_ptr<bool>(alive_), outcome] {
         if (!alive.lock()) return;
@@ -380,31 +359,22 @@ void PatternLockAuthenticator::unlockedPatternSendBackCommand(const SignCommand&
   services_.scheduler.runInBackground(
       [this, alive = std::weak_ptr<bool>(alive_), command, outcome] {
         if (!alive.lock()) return;
-        // The fail record, the counter and the sign time land in one commit. It is made whatever
-        // the signature's outcome (the round starts again after a correct pattern, and a counter
-        // once raised stays raised), but a write that failed spoils it and nothing lands.
-        ItemStoreTransaction transaction = services_.keychain.transaction();
-        if (!transaction.isOpen()) {
-          *outcome = Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
-          return;
-        }
+        // The fail record, the counter and the sign time land in one commit. The round starts
+        // again after a correct pattern, whatever happens next.
         const std::string username = command.username.value_or(std::string());
-        Result<std::optional<FailRecord>> record = readFailRecord(username);
-        if (record && *record) {
-          (*record)->patternLockFailTime = 0;
-          (*record)->patternLockFailAttempts = 0;
-          if (writeFailRecord(username, **record) != StoreStatus::ok)
-            record = Keychain::storeFailure();
-        }
-        if (!record) {
-          *outcome = Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
-          return;
-        }
-        Result<SignResponseCommand> signature = core_.signByAuthenticator(command);
-        if (transaction.commit() != StoreStatus::ok && signature) {
-          signature = Error::corvane(kStatusError, std::string(AuthenticatorCore::kCannotUpdate));
-        }
-        *outcome = std::move(signature);
+        *outcome = core_.signInOneCommit(command, [&]() -> Result<void> {
+          Result<std::optional<FailRecord>> record = readFailRecord(username);
+          if (record && *record) {
+            (*record)->patternLockFailTime = 0;
+            (*record)->patternLockFailAttempts = 0;
+            if (writeFailRecord(username, **record) != StoreStatus::ok) {
+              record = Keychain::storeFailure();
+            }
+          }
+          if (!record)
+            return Error::corvane(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
+          return {};
+        });
       },
       [this, alive = std::weak_ptr<bool>(alive_), outcome] {
         if (!alive.lock()) return;

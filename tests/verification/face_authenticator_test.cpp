@@ -65,6 +65,9 @@ class SpyDelegate final : public AsmDelegate {
     answers.push_back({response->statusCode, error ? error->localizedDescription() : ""});
     next->authenticatorSignResponse(response, error);
   }
+  Result<void> authenticatorRegistrationRecords(const RegisterResponseCommand& response) override {
+    return next->authenticatorRegistrationRecords(response);
+  }
 };
 
 std::string hostInfo(std::optional<std::string_view> level) {
