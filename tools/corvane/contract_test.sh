@@ -46,6 +46,9 @@ check "status-name refuses an unknown code" eval 'status badname 1 && quiet badn
 run discover "${c[@]}" discover
 check "discover prints the discovery JSON" eval 'status discover 0 && [ "$(jq -r .clientVendor "$work/discover.out")" = 0F3D ]'
 
+run discoverbio "${c[@]}" --biometry fprintd discover
+check "without a reader only the pattern lock is offered" eval 'status discoverbio 0 && [ "$(jq -c "[.availableAuthenticators[].userVerification]" "$work/discoverbio.out")" = "[146]" ]'
+
 fetch "/uaf/reg/request?username=alice" > "$work/reg.json"
 run supported "${c[@]}" supported --request - < "$work/reg.json"
 check "supported reads the request from standard input" eval 'status supported 0 && [ "$(jq -r .status "$work/supported.out")" = 2 ]'

@@ -40,7 +40,7 @@ constexpr int64_t kMissingField = 60000;
 constexpr int64_t kInvalidArgument = 60001;
 
 const char kUsage[] =
-    "usage: corvane [--home DIR] [--bundle DIR] [--ca-file FILE]\n"
+    "usage: corvane [--home DIR] [--bundle DIR] [--ca-file FILE] [--biometry fprintd|none]\n"
     "               [--pattern DOTS] [--confirm | --cancel] COMMAND [options]\n"
     "commands:\n"
     "  discover\n"
@@ -229,6 +229,7 @@ std::optional<std::map<std::string, std::string, std::less<>>> parseExtsData(
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
   std::optional<std::string> home, bundle, caFile, pattern;
+  corvane::linux_platform::LinuxBiometry biometry = corvane::linux_platform::LinuxBiometry::none;
   std::optional<bool> confirm;
   size_t at = 0;
   for (; at < args.size() && args[at].rfind("--", 0) == 0; ++at) {
@@ -251,6 +252,12 @@ int main(int argc, char** argv) {
       caFile = value;
     } else if (flag == "--pattern") {
       pattern = value;
+    } else if (flag == "--biometry") {
+      if (value != "fprintd" && value != "none") {
+        return fail(kInvalidArgument, "--biometry takes fprintd or none");
+      }
+      biometry = value == "fprintd" ? corvane::linux_platform::LinuxBiometry::fprintd
+                                    : corvane::linux_platform::LinuxBiometry::none;
     } else {
       return fail(kInvalidArgument, "unknown option " + flag);
     }
@@ -312,6 +319,14 @@ int main(int argc, char** argv) {
   if (home) platformOptions.dataDirectory = fs::path(*home);
   if (caFile) platformOptions.extraCaFile = fs::path(*caFile);
   platformOptions.screenPresenter = presenter;
+  platformOptions.biometry = biometry;
+  // fprintd shows nothing itself: the prompt goes to the terminal (or standard error).
+  platformOptions.biometryPrompt = [tty](std::string_view prompt) {
+    std::FILE* out = tty != nullptr ? tty : stderr;
+    std::fprintf(out, "%.*s (touch the fingerprint reader)\n", static_cast<int>(prompt.size()),
+                 prompt.data());
+    std::fflush(out);
+  };
   std::optional<corvane::Platform> platform =
       corvane::linux_platform::makePlatform(platformOptions, &error);
   if (!platform) return fail(error);
