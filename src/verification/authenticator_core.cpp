@@ -13,12 +13,10 @@
 
 namespace corvane {
 
+using namespace authenticator_status;
+
 namespace {
 
-constexpr uint64_t kStatusError = 1;
-constexpr uint64_t kStatusAccessDenied = 2;
-constexpr uint64_t kStatusParamsInvalid = 8;
-constexpr uint64_t kStatusDataMissing = 12;
 constexpr size_t kKeyIDBytes = 32;
 
 std::string joined(std::string_view first, std::string_view second) {

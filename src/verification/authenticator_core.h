@@ -36,6 +36,28 @@
 
 namespace corvane {
 
+// The authenticator statuses the built-in authenticators answer with.
+namespace authenticator_status {
+inline constexpr uint64_t kStatusError = 1;
+inline constexpr uint64_t kStatusAccessDenied = 2;
+inline constexpr uint64_t kStatusCancelled = 5;
+inline constexpr uint64_t kStatusParamsInvalid = 8;
+inline constexpr uint64_t kStatusKeyDisappeared = 9;
+inline constexpr uint64_t kStatusDataMissing = 12;
+inline constexpr uint64_t kStatusLockedOut = 13;
+inline constexpr uint64_t kStatusNotSupported = 14;
+inline constexpr uint64_t kStatusBiometryChanged = 15;
+inline constexpr uint64_t kStatusInvalidPolicy = 16;
+inline constexpr uint64_t kStatusTemporarilyLocked = 17;
+inline constexpr uint64_t kStatusAttemptFailed = 18;
+// Authenticator-info statuses (deviceSupportCheck).
+inline constexpr uint64_t kInfoNotSupported = 1;
+inline constexpr uint64_t kInfoSupported = 2;
+inline constexpr uint64_t kInfoPreconditionFailed = 3;
+inline constexpr uint64_t kInfoLockout = 5;
+inline constexpr uint64_t kInfoNotEnrolled = 6;
+}  // namespace authenticator_status
+
 class AuthenticatorCore {
  public:
   // Texts of the answers.

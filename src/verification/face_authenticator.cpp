@@ -10,23 +10,9 @@
 
 namespace corvane {
 
+using namespace authenticator_status;
+
 namespace {
-
-constexpr uint64_t kStatusError = 1;
-constexpr uint64_t kStatusAccessDenied = 2;
-constexpr uint64_t kStatusCancelled = 5;
-constexpr uint64_t kStatusParamsInvalid = 8;
-constexpr uint64_t kStatusKeyDisappeared = 9;
-constexpr uint64_t kStatusLockedOut = 13;
-constexpr uint64_t kStatusNotSupported = 14;
-constexpr uint64_t kStatusBiometryChanged = 15;
-
-// Authenticator-info statuses.
-constexpr uint64_t kInfoNotSupported = 1;
-constexpr uint64_t kInfoSupported = 2;
-constexpr uint64_t kInfoPreconditionFailed = 3;
-constexpr uint64_t kInfoLockout = 5;
-constexpr uint64_t kInfoNotEnrolled = 6;
 
 constexpr uint32_t kBioValueBytes = 32;
 

@@ -9,19 +9,9 @@
 
 namespace corvane {
 
-namespace {
+using namespace authenticator_status;
 
-constexpr uint64_t kStatusError = 1;
-constexpr uint64_t kStatusCancelled = 5;
-constexpr uint64_t kStatusParamsInvalid = 8;
-constexpr uint64_t kStatusDataMissing = 12;
-constexpr uint64_t kStatusLockedOut = 13;
-constexpr uint64_t kStatusNotSupported = 14;
-constexpr uint64_t kStatusInvalidPolicy = 16;
-constexpr uint64_t kStatusTemporarilyLocked = 17;
-constexpr uint64_t kStatusAttemptFailed = 18;
-constexpr uint64_t kSupported = 2;
-constexpr uint64_t kNoPasscode = 3;
+namespace {
 
 std::string withNumber(std::string_view text, int64_t number) {
   std::string out(text);
@@ -109,7 +99,7 @@ AuthenticatorInfo PatternLockAuthenticator::getInfo() {
 }
 
 uint64_t PatternLockAuthenticator::deviceSupportCheck() {
-  return deviceHavePasscodeCheck() ? kSupported : kNoPasscode;
+  return deviceHavePasscodeCheck() ? kInfoSupported : kInfoPreconditionFailed;
 }
 
 bool PatternLockAuthenticator::deviceHavePasscodeCheck() {
@@ -130,13 +120,13 @@ Bytes PatternLockAuthenticator::hashBackNSData(std::string_view text) {
 void PatternLockAuthenticator::registerWithCommand(const RegisterCommand& command) {
   pending_ = Pending::registration;
   const uint64_t support = deviceSupportCheck();
-  if (support == kSupported) {
+  if (support == kInfoSupported) {
     openSettings(command);
     return;
   }
   answerRegisterFailure(
       kStatusNotSupported,
-      std::string(support == kNoPasscode ? kPreconditionFailed : kDeviceNotSupported));
+      std::string(support == kInfoPreconditionFailed ? kPreconditionFailed : kDeviceNotSupported));
 }
 
 void PatternLockAuthenticator::openSettings(const RegisterCommand& command) {
@@ -232,10 +222,10 @@ void PatternLockAuthenticator::signWithCommand(const SignCommand& command) {
   patternLockPolicy_ = (*policy)[index];
 
   const uint64_t support = deviceSupportCheck();
-  if (support != kSupported) {
-    answerSignFailure(
-        kStatusNotSupported,
-        std::string(support == kNoPasscode ? kPreconditionFailed : kDeviceNotSupported));
+  if (support != kInfoSupported) {
+    answerSignFailure(kStatusNotSupported,
+                      std::string(support == kInfoPreconditionFailed ? kPreconditionFailed
+                                                                     : kDeviceNotSupported));
     return;
   }
   if (command.originalTc && !AuthenticatorCore::hasTextTransaction(*command.originalTc)) {
