@@ -29,140 +29,46 @@
 #include "test_files.h"
 #include "test_support.h"
 #include "uaf_assertions.h"
+#include "verification/authenticator_rig.h"
 
 namespace corvane {
 namespace {
 
 using nlohmann::json;
 using testing::ManualScheduler;
-using testing::ScriptedBiometry;
 using testing::ScriptedPresenter;
+using testing::ScriptedBiometry;
 using Prompt = ScriptedBiometry::Prompt;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
-constexpr std::string_view kAppID = "https://rp.example/app";
-constexpr std::string_view kUser = "alice";
-constexpr std::string_view kChallenge = "eyJmY1BhcmFtcyI6MX0";
+constexpr std::string_view kFacet = testing::kRigFacet;
+constexpr std::string_view kUser = testing::kRigUser;
 constexpr std::string_view kRegPrompt = "Verify your identity to turn on biometric sign-in.";
 constexpr std::string_view kAuthPrompt = "Verify your identity to sign in.";
 
-struct Answer {
-  uint64_t status;
-  std::string message;
-};
-
-class SpyDelegate final : public AsmDelegate {
+// The biometric authenticator at index 1 over the scripted biometry, with the given security
+// level.
+class Rig : public testing::AuthenticatorRig {
  public:
-  AsmDelegate* next = nullptr;
-  std::vector<Answer> answers;
+  explicit Rig(std::optional<std::string_view> level = std::nullopt)
+      : AuthenticatorRig(1, settings(level), true,
+                         [](AuthenticatorRig& rig, AsmDelegate& delegate) {
+                           return std::make_unique<FaceAuthenticator>(
+                               delegate, rig.services(), rig.biometry, *rig.platform->userDefaults);
+                         }) {}
 
-  void authenticatorRegisterResponse(const RegisterResponseCommand* response,
-                                     const std::optional<Error>& error) override {
-    answers.push_back({response->statusCode, error ? error->localizedDescription() : ""});
-    next->authenticatorRegisterResponse(response, error);
+  static std::string settings(std::optional<std::string_view> level) {
+    std::string text = "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>";
+    if (level) {
+      text += "<key>zandrel_fido_biometric_security_level</key><string>" + std::string(*level) +
+              "</string>";
+    }
+    return text;
   }
-  void authenticatorSignResponse(const SignResponseCommand* response,
-                                 const std::optional<Error>& error) override {
-    answers.push_back({response->statusCode, error ? error->localizedDescription() : ""});
-    next->authenticatorSignResponse(response, error);
-  }
-  Result<void> authenticatorRegistrationRecords(const RegisterResponseCommand& response) override {
-    return next->authenticatorRegistrationRecords(response);
-  }
-};
-
-std::string hostInfo(std::optional<std::string_view> level) {
-  std::string plist = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                      "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-                      "<key>zandrel_fido_sdk_config</key><dict>"
-                      "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>";
-  if (level) {
-    plist += "<key>zandrel_fido_biometric_security_level</key><string>" + std::string(*level) +
-             "</string>";
-  }
-  return plist + "</dict></dict></plist>";
-}
-
-// The ASM with the biometric authenticator at index 1, over the real stores.
-class Rig {
- public:
-  explicit Rig(std::optional<std::string_view> level = std::nullopt) {
-    testing::writeFile(dir.path() / "Host.app" / "Info.plist", hostInfo(level));
-    linux_platform::LinuxPlatformOptions options;
-    options.hostBundleDirectory = dir.path() / "Host.app";
-    options.dataDirectory = dir.path() / "data";
-    options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = false;
-    Error error;
-    platform = linux_platform::makePlatform(options, &error);
-    EXPECT_TRUE(platform) << error.localizedDescription();
-    configuration = std::make_unique<Configuration>(
-        *platform->hostBundle, *platform->frameworkBundle, *platform->userDefaults);
-    keychain = std::make_unique<Keychain>(*platform->itemStore, *platform->keyStore, biometry,
-                                          *configuration, &attestation);
-    patterns = std::make_unique<PatternManager>(*keychain);
-    asm_ = std::make_unique<Asm>(
-        corvane, *keychain, *configuration, std::string(kFacet), [this](AsmDelegate& asmDelegate) {
-          spy.next = &asmDelegate;
-          Asm::Authenticators made;
-          auto face = std::make_unique<FaceAuthenticator>(
-              spy,
-              AuthenticatorServices{*keychain, *patterns, *configuration, scheduler, presenter,
-                                    device, clock, std::string(kFacet)},
-              biometry, *platform->userDefaults);
-          authenticator = face.get();
-          made[1] = std::move(face);
-          return made;
-        });
-  }
-
-  AsmRequest request(AsmRequestType type, AsmRequest::Args args) {
-    AsmRequest request;
-    request.requestType = static_cast<uint64_t>(type);
-    request.userVerification = 1;
-    request.args = std::move(args);
-    return request;
-  }
-  // Starts a registration; nothing may be answered inside the call.
-  void startRegistration() {
-    const size_t before = spy.answers.size();
-    asm_->registration(request(
-        AsmRequestType::kRegistration,
-        RegisterIn{std::string(kAppID), std::string(kUser), std::string(kChallenge), "Alice"}));
-    EXPECT_EQ(spy.answers.size(), before) << "answered inside the call";
-    scheduler.drain();
-  }
-  void startSign(std::optional<std::vector<Transaction>> transactions = std::nullopt) {
-    const size_t before = spy.answers.size();
-    asm_->authenticate(
-        request(AsmRequestType::kAuthenticate,
-                AuthenticateIn{std::string(kAppID), std::vector{keyID}, std::string(kUser),
-                               std::string(kChallenge), std::move(transactions), "Alice"}));
-    EXPECT_EQ(spy.answers.size(), before) << "answered inside the call";
-    scheduler.drain();
-  }
+  FaceAuthenticator* authenticator() { return static_cast<FaceAuthenticator*>(feature); }
   // A registration whose prompt matches; remembers the key ID and public key.
   void registerUser() {
     biometry.queuePrompt(Prompt::success);
     startRegistration();
-    ASSERT_EQ(asmStatus(), 0u) << last().message;
-    const auto& out = std::get<RegisterOut>(corvane.answers.back().response.responseData);
-    std::optional<testing::RegisteredKey> key = testing::registeredKey(out.assertion.value());
-    ASSERT_TRUE(key);
-    publicKey = key->publicKey;
-    keyID = key->keyID;
-    ASSERT_EQ(publicKey.size(), 91u);
-  }
-  // The sign counter of the last authentication answer, after checking its signature.
-  std::optional<uint32_t> verifiedCounter() {
-    const auto* out = std::get_if<AuthenticateOut>(&corvane.answers.back().response.responseData);
-    if (out == nullptr || !out->assertion) return std::nullopt;
-    return testing::verifiedSignCounter(publicKey, *out->assertion);
-  }
-  bool hasRecord(std::string_view prefix) {
-    Result<std::vector<std::string>> services =
-        keychain->findGenericPasswordServicesDescWithAccount(
-            Utils::sha256(kUser) + ".0F3D#0002", std::string(prefix) + "." + Utils::sha256(kUser));
-    return services && !services->empty();
+    rememberRegisteredKey();
   }
   bool hasBioItem() {
     Result<std::vector<std::string>> services =
@@ -171,26 +77,6 @@ class Rig {
     return services && services->size() == 1 &&
            services->front() == "bio_service_" + Utils::sha256(kUser);
   }
-  const Answer& last() const { return spy.answers.back(); }
-  uint64_t asmStatus() const { return corvane.answers.back().response.statusCode; }
-
-  testing::TempDir dir;
-  testing::FakeClock clock{1'000'000'000};
-  testing::FakeDeviceInfo device;
-  ManualScheduler scheduler;
-  ScriptedPresenter presenter;
-  ScriptedBiometry biometry;
-  testing::RecordingCorvaneDelegate corvane;
-  SpyDelegate spy;
-  WhiteboxAttestationKeySource attestation;
-  std::optional<Platform> platform;
-  std::unique_ptr<Configuration> configuration;
-  std::unique_ptr<Keychain> keychain;
-  std::unique_ptr<PatternManager> patterns;
-  std::unique_ptr<Asm> asm_;
-  FaceAuthenticator* authenticator = nullptr;
-  std::string keyID;
-  Bytes publicKey;
 };
 
 TEST(FaceAuthenticatorTest, EachAvailabilityAnswersRegistrationWithoutAPrompt) {
@@ -215,7 +101,7 @@ TEST(FaceAuthenticatorTest, EachAvailabilityAnswersRegistrationWithoutAPrompt) {
     Rig rig;
     rig.biometry.setAvailability(c.availability);
     rig.biometry.setBiometryType(c.type);
-    EXPECT_EQ(rig.authenticator->getInfo().status, c.infoStatus);
+    EXPECT_EQ(rig.authenticator()->getInfo().status, c.infoStatus);
     rig.startRegistration();
     ASSERT_EQ(rig.spy.answers.size(), 1u);
     EXPECT_EQ(rig.last().status, c.status);
@@ -231,7 +117,7 @@ TEST(FaceAuthenticatorTest, EachAvailabilityAnswersRegistrationWithoutAPrompt) {
   // Available with a kind: supported.
   Rig rig;
   rig.biometry.setBiometryType(BiometryType::face);
-  EXPECT_EQ(rig.authenticator->getInfo().status, 2u);
+  EXPECT_EQ(rig.authenticator()->getInfo().status, 2u);
 }
 
 TEST(FaceAuthenticatorTest, RegistersAndSignsAfterEachPrompt) {
@@ -399,7 +285,11 @@ TEST(FaceAuthenticatorTest, ALostItemWithTheSameEnrolmentIsAKeyThatDisappeared) 
 class Host {
  public:
   explicit Host(std::shared_ptr<BiometryPort> biometry) {
-    testing::writeFile(dir.path() / "Host.app" / "Info.plist", hostInfo(std::nullopt));
+    testing::writeFile(dir.path() / "Host.app" / "Info.plist",
+                       R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
+                       "<key>CFBundleIdentifier</key><string>com.example.host</string>"
+                       "<key>zandrel_fido_sdk_config</key><dict>" +
+                           Rig::settings(std::nullopt) + "</dict></dict></plist>");
     linux_platform::LinuxPlatformOptions options;
     options.hostBundleDirectory = dir.path() / "Host.app";
     options.dataDirectory = dir.path() / "data";

@@ -12,126 +12,33 @@
 #include <string>
 #include <vector>
 
-#include "asm/asm.h"
-#include "corvane/linux_platform.h"
-#include "crypto/attestation_material.h"
-#include "fakes/fake_clock.h"
-#include "fakes/fake_device_info.h"
-#include "fakes/manual_scheduler.h"
-#include "fakes/scripted_authenticator.h"
-#include "fakes/scripted_presenter.h"
-#include "foundation/byte_io.h"
-#include "test_files.h"
-#include "test_support.h"
-#include "uaf_assertions.h"
+#include "verification/authenticator_rig.h"
 
 namespace corvane {
 namespace {
 
-using testing::ManualScheduler;
-using testing::ScriptedPresenter;
-constexpr std::string_view kAppID = "https://rp.example/app";
-constexpr std::string_view kUser = "alice";
-constexpr std::string_view kChallenge = "eyJmY1BhcmFtcyI6MX0";
 constexpr std::chrono::milliseconds kLockOutClose{3000};
 constexpr int64_t kSecond = 1'000'000;
 const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
 const std::initializer_list<uint32_t> kWrong = {6, 3, 0, 1, 2, 5};
 
-// What the authenticator answered, before the ASM translates it.
-struct Answer {
-  uint64_t status;
-  std::string message;
-  std::optional<std::string> keyHandle;
-};
+constexpr std::string_view kUser = testing::kRigUser;
 
-class SpyDelegate final : public AsmDelegate {
+// The pattern lock at index 2, policy "2-3|1-3-60|3-lock".
+class Rig : public testing::AuthenticatorRig {
  public:
-  AsmDelegate* next = nullptr;
-  std::vector<Answer> answers;
+  Rig()
+      : AuthenticatorRig(2,
+                         "<key>zandrel_fido_pattern_lockout_policy</key>"
+                         "<string>2-3|1-3-60|3-lock</string>"
+                         "<key>zandrel_fido_pattern_lock_active</key><true/>",
+                         false, [](AuthenticatorRig& rig, AsmDelegate& delegate) {
+                           return std::make_unique<PatternLockAuthenticator>(delegate,
+                                                                             rig.services());
+                         }) {}
 
-  void authenticatorRegisterResponse(const RegisterResponseCommand* response,
-                                     const std::optional<Error>& error) override {
-    answers.push_back(
-        {response->statusCode, error ? error->localizedDescription() : "", response->keyHandle});
-    next->authenticatorRegisterResponse(response, error);
-  }
-  void authenticatorSignResponse(const SignResponseCommand* response,
-                                 const std::optional<Error>& error) override {
-    answers.push_back({response->statusCode, error ? error->localizedDescription() : "", {}});
-    next->authenticatorSignResponse(response, error);
-  }
-  Result<void> authenticatorRegistrationRecords(const RegisterResponseCommand& response) override {
-    return next->authenticatorRegistrationRecords(response);
-  }
-};
-
-// Everything a process has; reopen() is a restart over the same data directory.
-class Rig {
- public:
-  Rig() {
-    testing::writeFile(
-        dir.path() / "Host.app" / "Info.plist",
-        R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-        "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-        "<key>zandrel_fido_sdk_config</key><dict>"
-        "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|1-3-60|3-lock</string>"
-        "<key>zandrel_fido_pattern_lock_active</key><true/>"
-        "</dict></dict></plist>");
-    options.hostBundleDirectory = dir.path() / "Host.app";
-    options.dataDirectory = dir.path() / "data";
-    options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = false;
-    reopen();
-  }
-
-  void reopen() {
-    asm_.reset();
-    patterns.reset();
-    keychain.reset();
-    configuration.reset();
-    platform.reset();
-    Error error;
-    platform = linux_platform::makePlatform(options, &error);
-    ASSERT_TRUE(platform) << error.localizedDescription();
-    configuration = std::make_unique<Configuration>(
-        *platform->hostBundle, *platform->frameworkBundle, *platform->userDefaults);
-    keychain = std::make_unique<Keychain>(*platform->itemStore, *platform->keyStore,
-                                          *platform->biometry, *configuration, &attestation);
-    patterns = std::make_unique<PatternManager>(*keychain);
-    asm_ = std::make_unique<Asm>(
-        corvane, *keychain, *configuration, "ios:bundle-id:com.example.host",
-        [this](AsmDelegate& asmDelegate) {
-          spy.next = &asmDelegate;
-          Asm::Authenticators made;
-          auto made2 = std::make_unique<PatternLockAuthenticator>(
-              spy, AuthenticatorServices{*keychain, *patterns, *configuration, scheduler, presenter,
-                                         device, clock, "ios:bundle-id:com.example.host"});
-          authenticator = made2.get();
-          made[2] = std::move(made2);
-          return made;
-        });
-  }
-
-  AsmRequest request(AsmRequestType type, AsmRequest::Args args) {
-    AsmRequest request;
-    request.requestType = static_cast<uint64_t>(type);
-    request.userVerification = 2;
-    request.args = std::move(args);
-    return request;
-  }
-  void startRegistration() {
-    asm_->registration(request(
-        AsmRequestType::kRegistration,
-        RegisterIn{std::string(kAppID), std::string(kUser), std::string(kChallenge), "Alice"}));
-    scheduler.drain();
-  }
-  void startSign(std::optional<std::vector<Transaction>> transactions = std::nullopt) {
-    asm_->authenticate(
-        request(AsmRequestType::kAuthenticate,
-                AuthenticateIn{std::string(kAppID), std::vector{keyID}, std::string(kUser),
-                               std::string(kChallenge), std::move(transactions), "Alice"}));
-    scheduler.drain();
+  PatternLockAuthenticator* authenticator() {
+    return static_cast<PatternLockAuthenticator*>(feature);
   }
   // Draws a pattern on the top pattern screen and lets every task that is due run.
   void draw(std::initializer_list<uint32_t> dots) {
@@ -143,46 +50,8 @@ class Rig {
     startRegistration();
     draw(kPattern);
     draw(kPattern);
-    ASSERT_EQ(corvane.answers.back().response.statusCode, 0u)
-        << (spy.answers.empty() ? "" : spy.answers.back().message);
-    const auto& out = std::get<RegisterOut>(corvane.answers.back().response.responseData);
-    std::optional<testing::RegisteredKey> key = testing::registeredKey(out.assertion.value());
-    ASSERT_TRUE(key);
-    publicKey = key->publicKey;
-    keyID = key->keyID;
-    ASSERT_EQ(publicKey.size(), 91u);
+    rememberRegisteredKey();
   }
-  // The sign counter of the last authentication answer, after checking its signature.
-  std::optional<uint32_t> verifiedCounter() {
-    const auto* out = std::get_if<AuthenticateOut>(&corvane.answers.back().response.responseData);
-    if (out == nullptr || !out->assertion) return std::nullopt;
-    return testing::verifiedSignCounter(publicKey, *out->assertion);
-  }
-  bool hasRecord(std::string_view prefix) {
-    Result<std::vector<std::string>> services =
-        keychain->findGenericPasswordServicesDescWithAccount(
-            Utils::sha256(kUser) + ".0F3D#0002", std::string(prefix) + "." + Utils::sha256(kUser));
-    return services && !services->empty();
-  }
-  const Answer& last() const { return spy.answers.back(); }
-
-  testing::TempDir dir;
-  linux_platform::LinuxPlatformOptions options;
-  testing::FakeClock clock{1000 * kSecond};
-  testing::FakeDeviceInfo device;
-  ManualScheduler scheduler;
-  ScriptedPresenter presenter;
-  testing::RecordingCorvaneDelegate corvane;
-  SpyDelegate spy;
-  WhiteboxAttestationKeySource attestation;
-  std::optional<Platform> platform;
-  std::unique_ptr<Configuration> configuration;
-  std::unique_ptr<Keychain> keychain;
-  std::unique_ptr<PatternManager> patterns;
-  std::unique_ptr<Asm> asm_;
-  PatternLockAuthenticator* authenticator = nullptr;
-  std::string keyID;
-  Bytes publicKey;
 };
 
 TEST(PatternLockAuthenticatorTest, RegistersAndSignsWithRisingCounters) {
@@ -253,7 +122,7 @@ TEST(PatternLockAuthenticatorTest, RefusalsAnswerTheirStatus) {
   command.khAccessToken = "another application's token";
   command.keyHandle = rig.spy.answers[1].keyHandle;
   command.finalChallengeHash = Bytes(32, 7);
-  rig.authenticator->signWithCommand(command);
+  rig.authenticator()->signWithCommand(command);
   EXPECT_EQ(rig.spy.answers.size(), 5u) << "answered inside the call";
   rig.scheduler.drain();
   rig.draw(kPattern);
