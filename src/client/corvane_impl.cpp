@@ -49,24 +49,26 @@ Asm& Corvane::Impl::assistant() {
     asm_ = std::make_unique<Asm>(
         *this, keychain, configuration, facetID(), [this](AsmDelegate& asmDelegate) {
           Asm::Authenticators made;
-          if (platform.screenPresenter) {
-            made[GenericAuthenticator::kUserVerificationPattern] =
-                std::make_unique<PatternLockAuthenticator>(
-                    asmDelegate,
-                    AuthenticatorServices{keychain, patternManager, configuration,
-                                          *platform.scheduler, *platform.screenPresenter,
-                                          *platform.deviceInfo, *platform.clock, facetID()});
-          }
+          // Both built-in authenticators show screens; without a presenter neither is offered.
+          if (!platform.screenPresenter) return made;
+          const auto services = [this] {
+            return AuthenticatorServices{keychain,
+                                         patternManager,
+                                         configuration,
+                                         *platform.scheduler,
+                                         *platform.screenPresenter,
+                                         *platform.deviceInfo,
+                                         *platform.clock,
+                                         facetID()};
+          };
+          made[GenericAuthenticator::kUserVerificationPattern] =
+              std::make_unique<PatternLockAuthenticator>(asmDelegate, services());
           // Biometry is offered where the device has a reader, enrolled or not, so that the host
           // hears why it cannot be used yet.
-          if (platform.screenPresenter && platform.biometry->biometryType() != BiometryType::none) {
+          if (platform.biometry->biometryType() != BiometryType::none) {
             made[GenericAuthenticator::kUserVerificationBiometry] =
-                std::make_unique<FaceAuthenticator>(
-                    asmDelegate,
-                    AuthenticatorServices{keychain, patternManager, configuration,
-                                          *platform.scheduler, *platform.screenPresenter,
-                                          *platform.deviceInfo, *platform.clock, facetID()},
-                    *platform.biometry, *platform.userDefaults);
+                std::make_unique<FaceAuthenticator>(asmDelegate, services(), *platform.biometry,
+                                                    *platform.userDefaults);
           }
           return made;
         });
