@@ -15,6 +15,13 @@ bool fitsInt(size_t size) {
   return size <= 0x7fffffff;
 }
 
+// AES-256-GCM, fetched once: OpenSSL would otherwise look the cipher up by name on every
+// initialisation. The fetched cipher is kept for the life of the process.
+const EVP_CIPHER* aes256Gcm() {
+  static EVP_CIPHER* const fetched = EVP_CIPHER_fetch(nullptr, "AES-256-GCM", nullptr);
+  return fetched != nullptr ? fetched : EVP_aes_256_gcm();
+}
+
 }  // namespace
 
 std::optional<Bytes> seal(const SecretBytes& key, ByteView associatedData, ByteView plain) {
@@ -28,8 +35,8 @@ std::optional<Bytes> seal(const SecretBytes& key, ByteView associatedData, ByteV
   int length = 0;
   int finalLength = 0;
   if (!ctx ||
-      EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
-                         out.data()) != 1 ||
+      EVP_EncryptInit_ex(ctx.get(), aes256Gcm(), nullptr, key.exposeSecret().data(), out.data()) !=
+          1 ||
       EVP_EncryptUpdate(ctx.get(), nullptr, &length, associatedData.data(),
                         static_cast<int>(associatedData.size())) != 1 ||
       EVP_EncryptUpdate(ctx.get(), out.data() + kNonceSize, &length, plain.data(),
@@ -59,7 +66,7 @@ std::optional<SecretBytes> open(const SecretBytes& key, ByteView associatedData,
   int length = 0;
   int finalLength = 0;
   if (!ctx ||
-      EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, key.exposeSecret().data(),
+      EVP_DecryptInit_ex(ctx.get(), aes256Gcm(), nullptr, key.exposeSecret().data(),
                          sealed.data()) != 1 ||
       EVP_DecryptUpdate(ctx.get(), nullptr, &length, associatedData.data(),
                         static_cast<int>(associatedData.size())) != 1 ||

@@ -1,7 +1,7 @@
 #include "foundation/utils.h"
 
+#include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <openssl/sha.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -98,8 +98,12 @@ std::string Utils::sha256(std::string_view text) {
 }
 
 std::array<uint8_t, 32> Utils::sha256BackData(std::string_view text) {
+  // OpenSSL looks an algorithm up by name on every use of EVP_sha256(); the digest is fetched once
+  // and kept for the life of the process.
+  static EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
   std::array<uint8_t, 32> digest{};
-  SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
+  EVP_Digest(text.data(), text.size(), digest.data(), nullptr,
+             fetched != nullptr ? fetched : EVP_sha256(), nullptr);
   return digest;
 }
 
