@@ -178,6 +178,8 @@ Error Keychain::storeFailure() {
 }
 
 Result<std::string> Keychain::bundleSeedID() {
+  const std::lock_guard<std::mutex> lock(seedMutex_);
+  if (bundleSeedID_) return *bundleSeedID_;
   ItemQuery query;
   query.account = std::string(kBundleSeedIdAccount);
   query.service = std::string();
@@ -199,7 +201,8 @@ Result<std::string> Keychain::bundleSeedID() {
     return Error::corvane(keychain_status::kMissingEntitlement, "The item has no access group.");
   }
   const std::string& group = *found.accessGroup;
-  return group.substr(0, group.find('.'));
+  bundleSeedID_ = group.substr(0, group.find('.'));
+  return *bundleSeedID_;
 }
 
 namespace {

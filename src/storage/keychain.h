@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -84,7 +85,9 @@ class Keychain {
 
   // The application-identifier prefix: the first "."-separated piece of the access group that the
   // store gives the item account "bundleSeedID", service "" (added when missing). An error when
-  // the store fails (kIO) or gives the item no access group (kMissingEntitlement).
+  // the store fails (kIO) or gives the item no access group (kMissingEntitlement). The prefix is
+  // the application's own and cannot change while it runs: once found, it is kept, so that the
+  // reads and writes that need the access group do not look it up again.
   Result<std::string> bundleSeedID();
   // "<bundle seed ID>.<bundle identifier>"; an error without a bundle seed ID, and every operation
   // that writes or reads items then fails (as the platform refuses an access group the
@@ -188,6 +191,8 @@ class Keychain {
   BiometryPort& biometry_;
   const Configuration& configuration_;
   const AttestationKeySource* attestation_;
+  std::mutex seedMutex_;
+  std::optional<std::string> bundleSeedID_;  // guarded by seedMutex_
 };
 
 }  // namespace corvane

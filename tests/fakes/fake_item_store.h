@@ -42,8 +42,9 @@ class FakeItemStore : public ItemStore {
   };
 
   // Fault switches. Writes are add, upsert, update, remove and the commit of a transaction; reads
-  // the other four. A failing call changes nothing and answers storeError; a failing write inside
-  // a transaction spoils it (its commit fails and nothing of it lands), as in the SQLite store.
+  // the other four. Update and remove find their items first, so a read fault fails them too. A
+  // failing call changes nothing and answers storeError; a failing write inside a transaction
+  // spoils it (its commit fails and nothing of it lands), as in the SQLite store.
   // The `n`th write from now fails (1: the next one); 0 switches it off.
   void failWriteNumber(int n) { writesUntilFailure_ = n; }
   void failAllWrites(bool fail) { failAllWrites_ = fail; }
@@ -133,12 +134,13 @@ class FakeItemStore : public ItemStore {
   }
 
   StoreStatus update(const ItemQuery& query, const SecretBytes& value) override {
-    return record(Op::update, query,
-                  writeFault() ? StoreStatus::storeError : replace(query, value));
+    return record(
+        Op::update, query,
+        readFault(query) || writeFault() ? StoreStatus::storeError : replace(query, value));
   }
 
   StoreStatus remove(const ItemQuery& query) override {
-    if (writeFault()) return record(Op::remove, query, StoreStatus::storeError);
+    if (readFault(query) || writeFault()) return record(Op::remove, query, StoreStatus::storeError);
     const size_t before = items_.size();
     std::erase_if(items_, [&](const Item& item) { return matches(item, query); });
     return record(Op::remove, query,
