@@ -112,14 +112,9 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
       buildFcParams(headerAppID, message.challenge.value_or(std::string()), facetID);
   const AuthenticatorInfo& chosen = candidates->front();
 
-  AsmRequest registrations;
-  registrations.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
-  registrations.authenticatorIndex = chosen.authenticatorIndex.value_or(0);
-  registrations.args = GetRegistrationsIn{input.username};
-  const AsmResponse registered = impl.execute(registrations);
-  const auto* out = std::get_if<GetRegistrationOut>(&registered.responseData);
-  if (out == nullptr || !out->appRegs || out->appRegs->empty() || !out->appRegs->front().keyID ||
-      out->appRegs->front().keyID->empty()) {
+  const std::optional<AppRegistration> registration =
+      impl.firstRegistration(chosen.authenticatorIndex.value_or(0), input.username);
+  if (!registration || !registration->keyID || registration->keyID->empty()) {
     return fail(Error::corvane(code(CorvaneStatusCode::USER_NOT_ENROLLED)));
   }
 
@@ -141,7 +136,7 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
   request.exts = std::move(*exts);
   request.args = AuthenticateIn{
       applicationIdFor(headerAppID, facetID),
-      std::vector<std::string>{out->appRegs->front().keyID->front()},
+      std::vector<std::string>{registration->keyID->front()},
       input.username,
       fcParams,
       message.transaction,

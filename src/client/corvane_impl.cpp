@@ -79,7 +79,30 @@ Asm& Corvane::Impl::assistant() {
 AsmResponse Corvane::Impl::execute(const AsmRequest& request) {
   // Store reads and writes from here must not meet an authenticator's background work.
   platform.scheduler->waitForBackgroundWork();
+  if (request.requestType != static_cast<uint64_t>(AsmRequestType::kGetRegistrations) &&
+      request.requestType != static_cast<uint64_t>(AsmRequestType::kGetInfo)) {
+    seenRegistrations.clear();
+  }
   return assistant().executeWithAsmRequestThenResponse(request);
+}
+
+std::optional<AppRegistration> Corvane::Impl::firstRegistration(int64_t index,
+                                                                const std::string& username) {
+  for (const SeenRegistration& seen : seenRegistrations) {
+    if (seen.index == index && seen.username == username) return seen.first;
+  }
+  AsmRequest request;
+  request.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
+  request.authenticatorIndex = index;
+  request.args = GetRegistrationsIn{username};
+  const AsmResponse answer = execute(request);
+  std::optional<AppRegistration> first;
+  if (const auto* out = std::get_if<GetRegistrationOut>(&answer.responseData);
+      out && out->appRegs && !out->appRegs->empty()) {
+    first = out->appRegs->front();
+  }
+  seenRegistrations.push_back({index, username, first});
+  return first;
 }
 
 std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
@@ -94,16 +117,11 @@ std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
   }
   std::vector<AuthenticatorInfo> matched;
   std::string refusals;
+  seenRegistrations.clear();
   for (AuthenticatorInfo& authenticator : infos) {
-    AsmRequest registrations;
-    registrations.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
-    registrations.authenticatorIndex = authenticator.authenticatorIndex.value_or(0);
-    registrations.args = GetRegistrationsIn{username};
-    const AsmResponse registered = execute(registrations);
-    const AppRegistration* first = nullptr;
-    if (const auto* out = std::get_if<GetRegistrationOut>(&registered.responseData);
-        out && out->appRegs && !out->appRegs->empty()) {
-      first = &out->appRegs->front();
+    const std::optional<AppRegistration> first =
+        firstRegistration(authenticator.authenticatorIndex.value_or(0), username);
+    if (first) {
       if (first->keyID && !first->keyID->empty()) {
         authenticator.keyIDs = std::vector<std::string>{first->keyID->front()};
       }
@@ -112,7 +130,7 @@ std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
     Error refusal;
     if (policy.checkPolicy(&authenticator, accepted, disallowed, isReg, username, appID,
                            &refusal)) {
-      if (authenticator.status == kEnrolled && first != nullptr) {
+      if (authenticator.status == kEnrolled && first) {
         authenticator.uvs = std::vector<std::string>{first->userVerification.value_or("")};
       }
       matched.push_back(std::move(authenticator));

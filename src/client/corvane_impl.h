@@ -53,6 +53,11 @@ struct Corvane::Impl final : CorvaneDelegate {
   Asm& assistant();
   // Runs a request that answers by return value.
   AsmResponse execute(const AsmRequest& request);
+  // The first of `username`'s registrations at the authenticator `index`, absent when the ASM has
+  // none for them. The candidate search asks the ASM once per index, however many catalogue
+  // entries share it, and the authentication flow reuses that answer; any other request run
+  // through execute() (a stale-key deregistration) makes the next call ask again.
+  std::optional<AppRegistration> firstRegistration(int64_t index, const std::string& username);
   // Runs a deregister request; false with the translated status (and no text) in `error` when
   // the ASM failed.
   bool runDeregister(const AsmRequest& request, Error* error);
@@ -95,6 +100,13 @@ struct Corvane::Impl final : CorvaneDelegate {
   CoreDataManager records;
   PolicyHelper policy;
   std::unique_ptr<Asm> asm_;
+  // The answers of firstRegistration since the last candidate search or the last other request.
+  struct SeenRegistration {
+    int64_t index;
+    std::string username;
+    std::optional<AppRegistration> first;
+  };
+  std::vector<SeenRegistration> seenRegistrations;
   // Set by Corvane: where results go (may be null).
   AuthUIControllerDelegate* host = nullptr;
 
