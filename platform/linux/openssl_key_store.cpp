@@ -1,9 +1,11 @@
 #include "linux/openssl_key_store.h"
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <string>
 
+#include <openssl/core_names.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -97,14 +99,45 @@ std::vector<uint8_t> associatedData(std::string_view tag, std::span<const uint8_
   return aad;
 }
 
-// The SEC1 DER of a private key, copied into wiped storage.
-std::optional<SecretBytes> privateKeyDer(EVP_PKEY* key) {
-  unsigned char* der = nullptr;
-  const int length = i2d_PrivateKey(key, &der);
-  if (length <= 0 || der == nullptr) return std::nullopt;
-  SecretBytes out(std::span<const uint8_t>(der, static_cast<size_t>(length)));
-  OPENSSL_clear_free(der, static_cast<size_t>(length));
-  return out;
+// The encodings of a new key pair are written here rather than by i2d_PrivateKey and i2d_PUBKEY:
+// OpenSSL's encoder look-up behind those calls costs more than generating the key. Both are the
+// bytes OpenSSL writes for a P-256 key.
+constexpr size_t kPointSize = 65;  // 04 X Y
+constexpr size_t kScalarSize = 32;
+// ECPrivateKey: SEQUENCE { INTEGER 1, OCTET STRING d, [0] prime256v1, [1] BIT STRING point }.
+constexpr uint8_t kSec1Version[] = {0x30, 0x77, 0x02, 0x01, 0x01, 0x04, 0x20};
+constexpr uint8_t kSec1CurveAndPoint[] = {0xA0, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D,
+                                          0x03, 0x01, 0x07, 0xA1, 0x44, 0x03, 0x42, 0x00};
+
+// The uncompressed public point of a P-256 key; absent for any other key.
+std::optional<std::array<uint8_t, kPointSize>> publicPoint(EVP_PKEY* key) {
+  std::array<uint8_t, kPointSize> point{};
+  size_t length = 0;
+  if (EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, point.data(),
+                                      point.size(), &length) != 1 ||
+      length != point.size() || point[0] != 0x04) {
+    return std::nullopt;
+  }
+  return point;
+}
+
+// The SEC1 DER of a P-256 key pair, in wiped storage.
+std::optional<SecretBytes> privateKeyDer(EVP_PKEY* key, std::span<const uint8_t> point) {
+  BIGNUM* raw = nullptr;
+  if (EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_PRIV_KEY, &raw) != 1) return std::nullopt;
+  const BnPtr scalar(raw);
+  SecretBytes der(sizeof kSec1Version + kScalarSize + sizeof kSec1CurveAndPoint + point.size());
+  std::span<uint8_t> out = der.mutableSecret();
+  std::copy(std::begin(kSec1Version), std::end(kSec1Version), out.begin());
+  out = out.subspan(sizeof kSec1Version);
+  if (BN_bn2binpad(scalar.get(), out.data(), static_cast<int>(kScalarSize)) !=
+      static_cast<int>(kScalarSize)) {
+    return std::nullopt;
+  }
+  out = out.subspan(kScalarSize);
+  std::copy(std::begin(kSec1CurveAndPoint), std::end(kSec1CurveAndPoint), out.begin());
+  std::copy(point.begin(), point.end(), out.begin() + sizeof kSec1CurveAndPoint);
+  return der;
 }
 
 // A P-256 private key from its SEC1 DER; null for anything else.
@@ -120,20 +153,6 @@ PkeyPtr privateKeyFromDer(const SecretBytes& der) {
     return nullptr;
   }
   return key;
-}
-
-std::optional<std::vector<uint8_t>> publicKeyInfo(EVP_PKEY* key) {
-  unsigned char* der = nullptr;
-  const int length = i2d_PUBKEY(key, &der);
-  if (length <= 0 || der == nullptr) return std::nullopt;
-  std::vector<uint8_t> out(der, der + length);
-  OPENSSL_free(der);
-  if (out.size() != kP256SpkiSize ||
-      !std::equal(std::begin(kP256SpkiPrefix), std::end(kP256SpkiPrefix), out.begin()) ||
-      out[sizeof kP256SpkiPrefix] != 0x04) {
-    return std::nullopt;
-  }
-  return out;
 }
 
 ItemAttributes itemFor(std::string_view tag) {
@@ -214,9 +233,10 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
   PkeyPtr key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"));
   if (!key) return StoreStatus::storeError;
   kept_->drop(tag);
-  std::optional<std::vector<uint8_t>> spki = publicKeyInfo(key.get());
-  std::optional<SecretBytes> der = privateKeyDer(key.get());
-  if (!spki || !der) return StoreStatus::storeError;
+  const std::optional<std::array<uint8_t, kPointSize>> point = publicPoint(key.get());
+  if (!point) return StoreStatus::storeError;
+  std::optional<SecretBytes> der = privateKeyDer(key.get(), *point);
+  if (!der) return StoreStatus::storeError;
 
   const std::vector<uint8_t> header = encodeHeader(attributes);
   std::optional<Bytes> sealed =
@@ -228,7 +248,10 @@ StoreStatus OpenSslKeyStore::generate(std::string_view tag, const KeyAttributes&
   const StoreStatus status = items_->upsert(itemFor(tag), record);
   if (status != StoreStatus::ok) return status;
   kept_->keep(tag, std::move(record), std::move(key));
-  if (publicKey != nullptr) *publicKey = std::move(*spki);
+  if (publicKey != nullptr) {
+    publicKey->assign(std::begin(kP256SpkiPrefix), std::end(kP256SpkiPrefix));
+    publicKey->insert(publicKey->end(), point->begin(), point->end());
+  }
   return StoreStatus::ok;
 }
 
