@@ -315,12 +315,15 @@ StoreStatus Keychain::deleteGeneratedKeyPairs(const std::string& group) {
 
 std::optional<Bytes> Keychain::signSHA256withECDSAX962ForBasicFull(ByteView message) {
   if (attestation_ == nullptr) return std::nullopt;
-  std::optional<SecretBytes> raw = attestation_->attestationKey();
-  if (!raw) return std::nullopt;
-  PkeyPtr key = importP256KeyPair(*raw);
-  raw->clear();
-  if (!key) return std::nullopt;
-  return signSha256(key.get(), message);
+  const std::lock_guard<std::mutex> lock(attestationMutex_);
+  if (!attestationKey_) {
+    std::optional<SecretBytes> raw = attestation_->attestationKey();
+    if (!raw) return std::nullopt;
+    attestationKey_ = importP256KeyPair(*raw);
+    raw->clear();
+    if (!attestationKey_) return std::nullopt;
+  }
+  return signSha256(attestationKey_.get(), message);
 }
 
 StoreStatus Keychain::insertGenericPasswordWithAccount(Attribute account, Attribute service,

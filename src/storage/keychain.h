@@ -30,6 +30,7 @@
 #include "corvane/ports/key_store.h"
 #include "corvane/secret_bytes.h"
 #include "crypto/attestation_key_source.h"
+#include "crypto/openssl_handles.h"
 #include "foundation/result.h"
 #include "foundation/utils.h"
 
@@ -123,7 +124,8 @@ class Keychain {
       ByteView message, std::string_view privateTag);
   // Deletes the key pair under `privateTag`: ok, notFound when there is none, storeError.
   StoreStatus deleteKeyPair(std::string_view privateTag);
-  // The same with the attestation key, imported for this one signature and released afterwards.
+  // The same with the attestation key, imported at its first use and kept while the Keychain
+  // lives.
   [[nodiscard]] std::optional<Bytes> signSHA256withECDSAX962ForBasicFull(ByteView message);
 
   // Adds an item: ok, duplicate when it exists already, storeError.
@@ -193,6 +195,10 @@ class Keychain {
   const AttestationKeySource* attestation_;
   std::mutex seedMutex_;
   std::optional<std::string> bundleSeedID_;  // guarded by seedMutex_
+  // The attestation key, decoded at its first use and kept, as the key store keeps the users'
+  // decoded keys: decoding it costs more than the signature.
+  std::mutex attestationMutex_;
+  PkeyPtr attestationKey_;  // guarded by attestationMutex_
 };
 
 }  // namespace corvane

@@ -246,18 +246,24 @@ TEST_P(KeychainTest, AttestationSignatureVerifies) {
   const Bytes spki(der, der + derLength);
   OPENSSL_free(der);
 
-  Keychain signer(rig_.items(), rig_.keys, rig_.biometry, rig_.configuration, &source);
   const Bytes message = {'m'};
-  EXPECT_FALSE(signer.signSHA256withECDSAX962ForBasicFull(message));
-  source.key = raw;
-  std::optional<Bytes> signature = signer.signSHA256withECDSAX962ForBasicFull(message);
-  ASSERT_TRUE(signature);
-  EXPECT_TRUE(testing::verifies(spki, message, *signature));
-  source.key = SecretBytes(raw.exposeSecret().first(96));
-  EXPECT_FALSE(signer.signSHA256withECDSAX962ForBasicFull(message));
-  source.key = raw;
-  source.key->mutableSecret()[40] ^= 0x01;  // a point that does not belong to the scalar
-  EXPECT_FALSE(signer.signSHA256withECDSAX962ForBasicFull(message));
+  SecretBytes cut(raw.exposeSecret().first(96));
+  SecretBytes mismatched = raw;
+  mismatched.mutableSecret()[40] ^= 0x01;  // a point that does not belong to the scalar
+  // Each Keychain imports the key once, at its first signature, and keeps it.
+  for (const auto& [key, signs] : std::vector<std::pair<std::optional<SecretBytes>, bool>>{
+           {std::nullopt, false}, {cut, false}, {mismatched, false}, {raw, true}}) {
+    source.key = key;
+    Keychain signer(rig_.items(), rig_.keys, rig_.biometry, rig_.configuration, &source);
+    for (int round = 0; round < 2; ++round) {
+      std::optional<Bytes> signature = signer.signSHA256withECDSAX962ForBasicFull(message);
+      ASSERT_EQ(signature.has_value(), signs) << key.has_value() << round;
+      if (signature) {
+        EXPECT_TRUE(testing::verifies(spki, message, *signature));
+      }
+      source.key.reset();  // the kept key still signs
+    }
+  }
 }
 
 TEST_P(KeychainTest, NoAccessGroupMeansNoAccess) {
