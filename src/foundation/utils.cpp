@@ -123,7 +123,21 @@ Bytes Utils::hexString2NSData(std::string_view text) {
   }
   Bytes out;
   out.reserve(compact.size() / 2);
+  const auto digit = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
   for (size_t i = 0; i + 1 < compact.size(); i += 2) {
+    const int high = digit(compact[i]);
+    const int low = digit(compact[i + 1]);
+    if (high >= 0 && low >= 0) {
+      out.push_back(static_cast<uint8_t>(high << 4 | low));
+      continue;
+    }
+    // Anything but two hex digits keeps strtol's reading (signs, white space, a stop at the
+    // first non-digit).
     const char pair[3] = {compact[i], compact[i + 1], '\0'};
     out.push_back(static_cast<uint8_t>(std::strtol(pair, nullptr, 16) & 0xFF));
   }
