@@ -319,10 +319,14 @@ void PatternLockAuthenticator::endRound(const SignCommand& command) {
     return;
   }
   if (patternLockPolicy_.isLockoutRound) {
-    const bool wiped = core_.deleteRegistration(username).ok() &&
+    // One commit: a wipe that fails or stops part-way leaves the registration whole, never records
+    // without their key or a key without its records.
+    ItemStoreTransaction transaction = services_.keychain.transaction();
+    const bool wiped = transaction.isOpen() && core_.deleteRegistration(username).ok() &&
                        services_.keychain.deleteGenericPasswordWithAccount(
                            failRecordAccount(username), std::nullopt,
-                           failRecordGeneric(username)) != StoreStatus::storeError;
+                           failRecordGeneric(username)) != StoreStatus::storeError &&
+                       transaction.commit() == StoreStatus::ok;
     if (!wiped) {
       answerSignFailure(kStatusError, std::string(AuthenticatorCore::kStoreFailed));
       return;

@@ -37,6 +37,7 @@
 #include "foundation/byte_io.h"
 #include "foundation/utils.h"
 #include "json/json_text.h"
+#include "linux/openssl_key_store.h"
 #include "storage/core_data_manager.h"
 #include "tablegen/whitebox_generator.h"
 #include "test_files.h"
@@ -534,6 +535,70 @@ TEST(AllOrNothingTest, AFailedWriteAnywhereLeavesTheStoresAsTheyWere) {
     }
     EXPECT_EQ(static_cast<size_t>(succeededAt), texts.size() + 1);
   }
+}
+
+// A lockout wipe is one commit. The key store keeps its keys in the same fake item store, as the
+// Linux one does in items.sqlite, so when any write from the last try on fails, alice keeps every
+// item, her key included; when none fails, only her sealed pattern is left.
+TEST(AllOrNothingTest, AFailedLockoutWipeKeepsTheRegistration) {
+  const std::initializer_list<uint32_t> wrong = {6, 3, 0, 1, 2, 5};
+  const auto names = [](const testing::FakeItemStore& store) {
+    std::vector<std::string> out = everyItem(store);
+    for (std::string& item : out) item.erase(item.rfind('|'));  // the value goes
+    return out;
+  };
+  const std::string alice = Utils::sha256("alice");
+  int wipedAt = 0;
+  for (int n = 1; n < 12 && wipedAt == 0; ++n) {
+    SCOPED_TRACE(::testing::Message() << "write " << n);
+    auto items = std::make_shared<testing::FakeItemStore>();
+    items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+    testing::TempDir keyDir;
+    auto keys = std::make_shared<linux_platform::OpenSslKeyStore>(items, keyDir.path() / "k.key");
+    Host::Setup setup;
+    setup.adjust = [&](Platform& platform) {
+      platform.itemStore = items;
+      platform.keyStore = keys;
+    };
+    Host host(setup);
+    ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
+    std::vector<std::string> before;
+    // "2-3|3-lock": two rounds of three wrong tries, then the lockout round's three.
+    for (int round = 0; round < 3; ++round) {
+      host.corvane->doAuthentication(DoAuthReq{authenticationRequest(), "alice", {}, ""});
+      host.scheduler->drain();
+      for (int i = 0; i < 3; ++i) {
+        if (round == 2 && i == 2) {
+          before = names(*items);
+          items->failWriteNumber(n);
+        }
+        ASSERT_TRUE(host.presenter->draw(wrong));
+        host.scheduler->drain();
+      }
+      host.scheduler->advance(std::chrono::seconds(3));  // the screen closes
+    }
+    items->failWriteNumber(0);
+    const bool aliceLeft = std::any_of(before.begin(), before.end(), [&](const std::string& row) {
+      return row.find(alice) != std::string::npos;
+    });
+    ASSERT_TRUE(aliceLeft);
+    if (host.last().error != Error::corvane(10000, "the item store failed.")) {
+      wipedAt = n;
+      EXPECT_EQ(host.last().error.localizedDescription(),
+                "Reached the maximum number of attempts. For the security reasons, we will delete "
+                "your registeration data immediately.");
+      // Only the sealed pattern stays; a new registration replaces it.
+      for (const std::string& row : names(*items)) {
+        EXPECT_TRUE(row.find(alice) == row.npos || row.find("|AUTHNR.patternlock|") != row.npos)
+            << row;
+      }
+      break;
+    }
+    EXPECT_EQ(names(*items), before);
+    EXPECT_FALSE(items->inTransaction());
+  }
+  // The try's count, the three records, the key, the fail record and the commit.
+  EXPECT_EQ(wipedAt, 8);
 }
 
 // The rows of items.sqlite: account, service, generic, label and access group, sorted.
