@@ -475,6 +475,23 @@ std::vector<std::string> everyItem(const testing::FakeItemStore& store) {
   return out;
 }
 
+// A fake item store that gives new items the host's access group, as the Linux one does.
+std::shared_ptr<testing::FakeItemStore> fakeItemStore() {
+  auto items = std::make_shared<testing::FakeItemStore>();
+  items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+  return items;
+}
+
+// A host over the Linux platform with these item and key stores in place of its own.
+Host::Setup withStores(std::shared_ptr<ItemStore> items, std::shared_ptr<KeyStore> keys) {
+  Host::Setup setup;
+  setup.adjust = [items, keys](Platform& platform) {
+    platform.itemStore = items;
+    platform.keyStore = keys;
+  };
+  return setup;
+}
+
 // For every write a registration (then an authentication) makes, the commit included: when that
 // write fails the host gets a failure and the store holds exactly what it held before, and the
 // next attempt succeeds. The loop ends at the first N beyond the operation's writes.
@@ -494,15 +511,9 @@ TEST(AllOrNothingTest, AFailedWriteAnywhereLeavesTheStoresAsTheyWere) {
     for (int n = 1; n < 20 && succeededAt == 0; ++n) {
       SCOPED_TRACE(::testing::Message()
                    << (authentication ? "authentication" : "registration") << ", write " << n);
-      auto items = std::make_shared<testing::FakeItemStore>();
-      items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+      auto items = fakeItemStore();
       auto keys = std::make_shared<testing::FakeKeyStore>();
-      Host::Setup setup;
-      setup.adjust = [&](Platform& platform) {
-        platform.itemStore = items;
-        platform.keyStore = keys;
-      };
-      Host host(setup);
+      Host host(withStores(items, keys));
       // Another user first: the installation's own items (the authenticators' key, the ASM
       // token) exist before the operation under test.
       ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
@@ -551,16 +562,10 @@ TEST(AllOrNothingTest, AFailedLockoutWipeKeepsTheRegistration) {
   int wipedAt = 0;
   for (int n = 1; n < 12 && wipedAt == 0; ++n) {
     SCOPED_TRACE(::testing::Message() << "write " << n);
-    auto items = std::make_shared<testing::FakeItemStore>();
-    items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+    auto items = fakeItemStore();
     testing::TempDir keyDir;
-    auto keys = std::make_shared<linux_platform::OpenSslKeyStore>(items, keyDir.path() / "k.key");
-    Host::Setup setup;
-    setup.adjust = [&](Platform& platform) {
-      platform.itemStore = items;
-      platform.keyStore = keys;
-    };
-    Host host(setup);
+    Host host(withStores(
+        items, std::make_shared<linux_platform::OpenSslKeyStore>(items, keyDir.path() / "k.key")));
     ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
     std::vector<std::string> before;
     // "2-3|3-lock": two rounds of three wrong tries, then the lockout round's three.
