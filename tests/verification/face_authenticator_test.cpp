@@ -36,8 +36,8 @@ namespace {
 
 using nlohmann::json;
 using testing::ManualScheduler;
-using testing::ScriptedPresenter;
 using testing::ScriptedBiometry;
+using testing::ScriptedPresenter;
 using Prompt = ScriptedBiometry::Prompt;
 constexpr std::string_view kFacet = testing::kRigFacet;
 constexpr std::string_view kUser = testing::kRigUser;
