@@ -9,32 +9,19 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <ostream>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "client/flow_support.h"
-#include "corvane/corvane.h"
-#include "corvane/linux_platform.h"
-#include "fakes/manual_scheduler.h"
-#include "fakes/scripted_presenter.h"
+#include "facade_host.h"
 #include "foundation/utils.h"
 #include "support/test_https_server.h"
-#include "test_files.h"
-#include "test_support.h"
 
 namespace corvane {
-
-void PrintTo(const Error& error, std::ostream* out);
-
 namespace {
 
-using nlohmann::json;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
+using namespace facade;
 constexpr std::string_view kAaid = "0F3D#0002";
-const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
 
 // The item store of the platform, with a switch that makes every call fail.
 class SwitchedItemStore final : public ItemStore {
@@ -78,17 +65,6 @@ class SwitchedItemStore final : public ItemStore {
   std::shared_ptr<ItemStore> inner_;
 };
 
-class NoDelegate final : public AuthUIControllerDelegate {
- public:
-  std::vector<Error> outcomes;
-  void onRegistrationComplete(std::optional<std::string>, const Error& error) override {
-    outcomes.push_back(error);
-  }
-  void onAuthenticationComplete(std::optional<std::string>, const Error& error) override {
-    outcomes.push_back(error);
-  }
-};
-
 // A test CA the client trusts and a server whose "/facets" document lists the caller.
 struct FacetServer {
   FacetServer() {
@@ -105,51 +81,21 @@ struct FacetServer {
   testing::TestHttpServer server{testing::TestHttpServer::Kind::https, &ca};
 };
 
-class Host {
+class Device : public Host {
  public:
-  explicit Host(const FacetServer& facets) {
-    testing::writeFile(dir.path() / "Host.app" / "Info.plist",
-                       R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                       "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-                       "<key>zandrel_fido_sdk_config</key><dict>"
-                       "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
-                       "<key>zandrel_fido_pattern_lock_active</key><string>Y</string>"
-                       "</dict></dict></plist>");
-    linux_platform::LinuxPlatformOptions options;
-    options.hostBundleDirectory = dir.path() / "Host.app";
-    options.dataDirectory = dir.path() / "data";
-    options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = false;
-    options.extraCaFile = facets.dir.path() / "ca.pem";
-    Error error;
-    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
-    EXPECT_TRUE(platform) << error.localizedDescription();
-    items = std::make_shared<SwitchedItemStore>(platform->itemStore);
-    platform->itemStore = items;
-    keys = platform->keyStore;
-    platform->scheduler = scheduler;
-    platform->screenPresenter = presenter;
-    corvane = Corvane::create(delegate, std::move(*platform), &error);
-    EXPECT_TRUE(corvane) << error.localizedDescription();
-  }
+  explicit Device(const FacetServer& facets)
+      : Host(Setup{.extraCaFile = facets.dir.path() / "ca.pem", .adjust = [](Platform& platform) {
+                     platform.itemStore = std::make_shared<SwitchedItemStore>(platform.itemStore);
+                   }}) {}
+  SwitchedItemStore& switched() { return static_cast<SwitchedItemStore&>(*items); }
 
   // Registers `user` under `appID` (absent: no header appID), drawing the pattern twice; the
   // registration's key ID is kept under "<user>@<label>".
   void enrol(const std::string& user, std::optional<std::string> appID, const std::string& label) {
-    json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Reg"}};
-    if (appID) header["appID"] = *appID;
-    const json request = json::array(
-        {{{"header", header},
-          {"challenge", "Y2hhbGxlbmdl"},
-          {"username", user},
-          {"policy", {{"accepted", json::array({json::array({{{"aaid", {kAaid}}}})})}}}}});
-    corvane->doRegistration(DoRegReq{request.dump(), "pattern", user, {}});
-    scheduler->drain();
-    for (int i = 0; i < 2; ++i) {
-      ASSERT_TRUE(presenter->draw(kPattern)) << user;
-      scheduler->drain();
-    }
-    ASSERT_EQ(delegate->outcomes.back(), Error::corvane(0)) << user;
+    const json extra = appID ? json{{"appID", *appID}} : json::object();
+    corvane->doRegistration(DoRegReq{registrationRequest(user, extra), "pattern", user, {}});
+    ASSERT_NO_FATAL_FAILURE(draw(2)) << user;
+    ASSERT_EQ(last().error, Error::corvane(0)) << user;
     std::vector<std::string> services;
     ASSERT_EQ(items->listServices({Utils::sha256(user) + ".0F3D#0002", std::nullopt,
                                    "ASMKH.data." + Utils::sha256(user)},
@@ -190,15 +136,6 @@ class Host {
     return out;
   }
 
-  testing::TempDir dir;
-  std::shared_ptr<testing::ManualScheduler> scheduler =
-      std::make_shared<testing::ManualScheduler>();
-  std::shared_ptr<testing::ScriptedPresenter> presenter =
-      std::make_shared<testing::ScriptedPresenter>();
-  std::shared_ptr<NoDelegate> delegate = std::make_shared<NoDelegate>();
-  std::shared_ptr<SwitchedItemStore> items;
-  std::shared_ptr<KeyStore> keys;
-  std::unique_ptr<Corvane> corvane;
   std::map<std::string, std::string> names;   // key ID to "<user>@<app>"
   std::map<std::string, std::string> keyIDs;  // user to key ID
   std::vector<std::string> users;
@@ -225,7 +162,7 @@ Error untouched() {
 
 TEST(DeregistrationTest, RequestRefusals) {
   FacetServer facets;
-  Host host(facets);
+  Device host(facets);
   const json valid = json::array({entry(kAaid, "a2V5")});
   json strict = deregistrationHeader();
   strict["exts"] =
@@ -285,7 +222,7 @@ TEST(DeregistrationTest, RequestRefusals) {
   }
 
   // The ASM's failure arrives translated, without a text.
-  host.items->failing = true;
+  host.switched().failing = true;
   Error error = untouched();
   EXPECT_FALSE(host.corvane->doDeregistrationReq(
       deregistrationRequest(deregistrationHeader(), valid), &error));
@@ -299,7 +236,7 @@ TEST(DeregistrationTest, RequestRefusals) {
   error = untouched();
   host.corvane->doDeregistration(facets.appID(), {{"alice", "", ""}}, &error);
   EXPECT_EQ(error, Error::corvane(10000));
-  host.items->failing = false;
+  host.switched().failing = false;
 
   // Pushed keys: an appID is required, and must trust the caller even when it is the caller's own.
   const struct {
@@ -383,142 +320,115 @@ TEST(DeregistrationTest, EachOperationRemovesExactlyWhatItNames) {
                                                "key alice", "key bob", "key carol"};
   const std::vector<std::string> withoutCarol = {"alice@A", "bob@A", "key alice", "key bob"};
   // A registration under B whose policy names no key: the user's key there is taken for stale.
-  const auto registerAgain = [&](Corvane& c, const std::string& user) {
-    const json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Reg"}, {"appID", b}};
-    const json accepted = json::array({json::array({{{"aaid", {kAaid}}}})});
-    c.doRegistration(DoRegReq{json::array({{{"header", header},
-                                            {"challenge", "Y2g"},
-                                            {"username", user},
-                                            {"policy", {{"accepted", accepted}}}}})
-                                  .dump(),
-                              "pattern",
-                              "",
-                              {}});
-    return true;
+  const auto registerAgain = [&](std::string user) -> Action {
+    return [=](Corvane& c, const Keys&, Error*) {
+      c.doRegistration(DoRegReq{registrationRequest(user, {{"appID", b}}), "pattern", "", {}});
+      return true;
+    };
   };
+  // A request under `appID` (absent: none in the header) with the entries made of the key IDs.
+  const auto request = [](std::optional<std::string> appID, auto entries) -> Action {
+    return [=](Corvane& c, const Keys& k, Error* e) {
+      return c.doDeregistrationReq(deregistrationRequest(deregistrationHeader(appID), entries(k)),
+                                   e);
+    };
+  };
+  // Keys pushed under `appID`; the push answers nothing, its rows expect true.
+  const auto push = [](std::string appID, auto entries) -> Action {
+    return [=](Corvane& c, const Keys& k, Error* e) {
+      c.doDeregistration(appID, entries(k), e);
+      return true;
+    };
+  };
+  using Pushed = std::vector<PushedAuthenticator>;
   const struct {
     const char* name;
-    Action action;
-    bool result;
     Error error;
     std::vector<std::string> left;
+    Action action;
+    bool result = true;
   } rows[] = {
       {"user name: every application",
-       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("alice", e); },
-       true,
        untouched(),
-       {"bob@A", "carol@B", "key bob", "key carol"}},
+       {"bob@A", "carol@B", "key bob", "key carol"},
+       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("alice", e); }},
       {"one key",
+       untouched(),
+       {"alice@A", "carol@B", "key alice", "key carol"},
        [&](Corvane& c, const Keys& k, Error* e) {
          return c.doDeregistrationWithAaid(aaid, k.at("bob"), kFacet, "bob", e);
-       },
-       true,
-       untouched(),
-       {"alice@A", "carol@B", "key alice", "key carol"}},
-      {"every key of one application, no AAID",
+       }},
+      {"every key of one application, no AAID", untouched(), withoutCarol,
        [&](Corvane& c, const Keys&, Error* e) {
          return c.doDeregistrationWithAaid(std::nullopt, "", b, "", e);
-       },
-       true, untouched(), withoutCarol},
-      {"one key named under the other application",
+       }},
+      {"one key named under the other application", untouched(), everything,
        [&](Corvane& c, const Keys& k, Error* e) {
          return c.doDeregistrationWithAaid(aaid, k.at("alice"), b, "alice", e);
-       },
-       true, untouched(), everything},
-      {"request: first entry with an empty key ID, of two",
-       [&](Corvane& c, const Keys& k, Error* e) {
-         return c.doDeregistrationReq(
-             deregistrationRequest(deregistrationHeader(b),
-                                   json::array({entry(kAaid, ""), entry(kAaid, k.at("alice"))})),
-             e);
-       },
-       true, Error::corvane(0), withoutCarol},
+       }},
+      {"request: first entry with an empty key ID, of two", Error::corvane(0), withoutCarol,
+       request(b,
+               [](const Keys& k) {
+                 return json::array({entry(kAaid, ""), entry(kAaid, k.at("alice"))});
+               })},
       {"request: two valid entries, only the first",
-       [&](Corvane& c, const Keys& k, Error* e) {
-         return c.doDeregistrationReq(
-             deregistrationRequest(
-                 deregistrationHeader(),
-                 json::array({entry(kAaid, k.at("alice")), entry(kAaid, k.at("bob"))})),
-             e);
-       },
-       true,
        Error::corvane(0),
-       {"bob@A", "carol@B", "key bob", "key carol"}},
+       {"bob@A", "carol@B", "key bob", "key carol"},
+       request(std::nullopt,
+               [](const Keys& k) {
+                 return json::array({entry(kAaid, k.at("alice")), entry(kAaid, k.at("bob"))});
+               })},
       {"request without appID: both empty, within the caller's application",
-       [&](Corvane& c, const Keys&, Error* e) {
-         return c.doDeregistrationReq(
-             deregistrationRequest(deregistrationHeader(), json::array({entry("", "")})), e);
-       },
-       true,
        Error::corvane(0),
-       {"carol@B", "key carol"}},
-      {"request: a key of another application",
-       [&](Corvane& c, const Keys& k, Error* e) {
-         return c.doDeregistrationReq(
-             deregistrationRequest(deregistrationHeader(b),
-                                   json::array({entry(kAaid, k.at("alice"))})),
-             e);
-       },
-       true, Error::corvane(0), everything},
-      {"push: empty list, one application",
-       [&](Corvane& c, const Keys&, Error* e) {
-         c.doDeregistration(b, {}, e);
-         return true;
-       },
-       true, untouched(), withoutCarol},
-      {"push: empty AAID acted on",
-       [&](Corvane& c, const Keys& k, Error* e) {
-         c.doDeregistration(b, {{"carol", "", k.at("carol")}}, e);
-         return true;
-       },
-       true, untouched(), withoutCarol},
-      {"push: another AAID skipped, another application untouched",
-       [&](Corvane& c, const Keys& k, Error* e) {
-         c.doDeregistration(b, {{"carol", "0F3D#0001", k.at("carol")}, {"alice", aaid, ""}}, e);
-         return true;
-       },
-       true, untouched(), everything},
+       {"carol@B", "key carol"},
+       request(std::nullopt, [](const Keys&) { return json::array({entry("", "")}); })},
+      {"request: a key of another application", Error::corvane(0), everything,
+       request(b, [](const Keys& k) { return json::array({entry(kAaid, k.at("alice"))}); })},
+      {"push: empty list, one application", untouched(), withoutCarol,
+       push(b, [](const Keys&) { return Pushed{}; })},
+      {"push: empty AAID acted on", untouched(), withoutCarol,
+       push(b,
+            [](const Keys& k) {
+              return Pushed{{"carol", "", k.at("carol")}};
+            })},
+      {"push: another AAID skipped, another application untouched", untouched(), everything,
+       push(b,
+            [&](const Keys& k) {
+              return Pushed{{"carol", "0F3D#0001", k.at("carol")}, {"alice", aaid, ""}};
+            })},
       {"push: untrusted application",
-       [&](Corvane& c, const Keys&, Error* e) {
-         c.doDeregistration(kFacet, {}, e);
-         return true;
-       },
-       true,
        Error::corvane(50000,
                       "facetID:ios:bundle-id:com.example.host is not trusted under "
                       "ios:bundle-id:com.example.host"),
-       everything},
-      {"empty user name refused",
-       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("", e); }, false,
-       Error::corvane(60000, "Missing Required Fields: username "), everything},
+       everything, push(std::string(kFacet), [](const Keys&) { return Pushed{}; })},
+      {"empty user name refused", Error::corvane(60000, "Missing Required Fields: username "),
+       everything,
+       [](Corvane& c, const Keys&, Error* e) { return c.doDeregistrationUsername("", e); }, false},
       // A registration whose server does not list the user's key takes the user's registration
       // under that appID for stale; the user's registration under the other one stays.
-      {"stale clean-up at registration, other application",
-       [&](Corvane& c, const Keys&, Error*) { return registerAgain(c, "alice"); }, true,
-       untouched(), everything},
-      {"stale clean-up at registration, same application",
-       [&](Corvane& c, const Keys&, Error*) { return registerAgain(c, "carol"); }, true,
-       untouched(), withoutCarol},
+      {"stale clean-up at registration, other application", untouched(), everything,
+       registerAgain("alice")},
+      {"stale clean-up at registration, same application", untouched(), withoutCarol,
+       registerAgain("carol")},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    Host host(facets);
+    Device host(facets);
     host.enrol("alice", std::string(kFacet), "A");
     host.enrol("bob", std::nullopt, "A");
     host.enrol("carol", b, "B");
     ASSERT_EQ(host.left(), everything);
-    const size_t outcomes = host.delegate->outcomes.size();
+    const size_t outcomes = host.recorder->outcomes.size();
     Error error = untouched();
     EXPECT_EQ(row.action(*host.corvane, host.keyIDs, &error), row.result);
     EXPECT_EQ(error, row.error);
     EXPECT_EQ(host.left(), row.left);
     // Deregistration never calls the delegate; the registrations answer once, refused.
     if (std::string_view(row.name).starts_with("stale")) {
-      ASSERT_EQ(host.delegate->outcomes.size(), outcomes + 1);
-      EXPECT_EQ(host.delegate->outcomes.back(),
-                Error::corvane(20003, "user already enrolled this aaid."));
+      ASSERT_EQ(host.recorder->outcomes.size(), outcomes + 1);
+      EXPECT_EQ(host.last().error, Error::corvane(20003, "user already enrolled this aaid."));
     } else {
-      EXPECT_EQ(host.delegate->outcomes.size(), outcomes);
+      EXPECT_EQ(host.recorder->outcomes.size(), outcomes);
     }
   }
 }

@@ -7,9 +7,9 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <iostream>
 #include <memory>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <string>
@@ -28,12 +28,10 @@
 #include "client/discovery.h"
 #include "corvane-rp/core/verify_command.h"
 #include "corvane/corvane.h"
-#include "corvane/linux_platform.h"
 #include "crypto/aes_wb_helper.h"
+#include "facade_host.h"
 #include "fakes/fake_item_store.h"
 #include "fakes/fake_key_store.h"
-#include "fakes/manual_scheduler.h"
-#include "fakes/scripted_presenter.h"
 #include "foundation/byte_io.h"
 #include "foundation/utils.h"
 #include "json/json_text.h"
@@ -46,134 +44,7 @@
 namespace corvane {
 namespace {
 
-using nlohmann::json;
-constexpr std::string_view kFacet = "ios:bundle-id:com.example.host";
-const std::initializer_list<uint32_t> kPattern = {0, 1, 2, 5, 8, 7};
-
-}  // namespace
-
-void PrintTo(const Error& error, std::ostream* out) {
-  *out << error.code() << " \"" << error.localizedDescription() << "\"";
-}
-
-namespace {
-
-struct Outcome {
-  bool registration;
-  std::optional<std::string> response;
-  Error error;
-};
-
-class Recorder final : public AuthUIControllerDelegate {
- public:
-  std::vector<Outcome> outcomes;
-  void onRegistrationComplete(std::optional<std::string> response, const Error& error) override {
-    outcomes.push_back({true, std::move(response), error});
-  }
-  void onAuthenticationComplete(std::optional<std::string> response, const Error& error) override {
-    outcomes.push_back({false, std::move(response), error});
-  }
-};
-
-json header(std::string_view op, json extra = json::object()) {
-  json h = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"serverData", "sd-1"}};
-  h.update(extra);
-  return h;
-}
-json acceptPattern() {
-  return {{"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})}};
-}
-
-std::string registrationRequest(std::string_view user, json headerExtra = json::object(),
-                                json policy = acceptPattern()) {
-  return json::array({{{"header", header("Reg", std::move(headerExtra))},
-                       {"challenge", "Y2hhbGxlbmdl"},
-                       {"username", user},
-                       {"policy", std::move(policy)}}})
-      .dump();
-}
-std::string authenticationRequest(json headerExtra = json::object(),
-                                  std::optional<json> transaction = std::nullopt,
-                                  json policy = acceptPattern()) {
-  json message = {{"header", header("Auth", std::move(headerExtra))},
-                  {"challenge", "YXV0aC1jaGFsbGVuZ2U"},
-                  {"policy", std::move(policy)}};
-  if (transaction) message["transaction"] = *transaction;
-  return json::array({message}).dump();
-}
-
-// The host's bundle ("Host.app") under `root`.
-void writeHostBundle(const std::filesystem::path& root, bool patternActive = true) {
-  testing::writeFile(
-      root / "Host.app" / "Info.plist",
-      std::string(R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                  "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-                  "<key>zandrel_fido_sdk_config</key><dict>"
-                  "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>"
-                  "<key>zandrel_fido_pattern_lock_active</key>") +
-          (patternActive ? "<string>Y</string>"
-                         : "<string>N</string><key>zandrel_fido_biometric_active</key>"
-                           "<string>N</string>") +
-          "</dict></dict></plist>");
-}
-
-class Host {
- public:
-  struct Setup {
-    bool patternActive = true;
-    bool withPresenter = true;
-    // An existing folder holding "Host.app" and "data"; a fresh temporary one when absent.
-    std::optional<std::filesystem::path> root;
-    bool durableWrites = false;
-    // Changes the Linux platform before Corvane is made (fake stores, for example).
-    std::function<void(Platform&)> adjust;
-  };
-
-  static Setup basic(bool patternActive, bool withPresenter) {
-    Setup setup;
-    setup.patternActive = patternActive;
-    setup.withPresenter = withPresenter;
-    return setup;
-  }
-  explicit Host(bool patternActive = true, bool withPresenter = true)
-      : Host(basic(patternActive, withPresenter)) {}
-  explicit Host(const Setup& setup) : root(setup.root.value_or(dir.path())) {
-    if (!setup.root) writeHostBundle(root, setup.patternActive);
-    linux_platform::LinuxPlatformOptions options;
-    options.hostBundleDirectory = root / "Host.app";
-    options.dataDirectory = root / "data";
-    options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = setup.durableWrites;
-    Error error;
-    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
-    EXPECT_TRUE(platform) << error.localizedDescription();
-    if (!platform) return;
-    platform->scheduler = scheduler;
-    if (setup.withPresenter) platform->screenPresenter = presenter;
-    if (setup.adjust) setup.adjust(*platform);
-    corvane = Corvane::create(recorder, std::move(*platform), &error);
-    EXPECT_TRUE(corvane) << error.localizedDescription();
-  }
-
-  // Draws the pattern on each pattern screen that comes up, `times` times.
-  void draw(int times = 1) {
-    scheduler->drain();
-    for (int i = 0; i < times; ++i) {
-      ASSERT_TRUE(presenter->draw(kPattern));
-      scheduler->drain();
-    }
-  }
-  const Outcome& last() const { return recorder->outcomes.back(); }
-
-  testing::TempDir dir;
-  std::filesystem::path root;
-  std::shared_ptr<testing::ManualScheduler> scheduler =
-      std::make_shared<testing::ManualScheduler>();
-  std::shared_ptr<testing::ScriptedPresenter> presenter =
-      std::make_shared<testing::ScriptedPresenter>();
-  std::shared_ptr<Recorder> recorder = std::make_shared<Recorder>();
-  std::unique_ptr<Corvane> corvane;
-};
+using namespace facade;
 
 // The TLV elements of one level, by tag (the last of a tag wins).
 std::map<uint16_t, Bytes> elements(ByteView data) {
@@ -185,9 +56,27 @@ std::map<uint16_t, Bytes> elements(ByteView data) {
   return out;
 }
 
+// The key registration data of a registration assertion, by tag.
+std::map<uint16_t, Bytes> keyRegistration(ByteView reg) {
+  return elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
+}
+
 Bytes digest(std::string_view text) {
   const std::array<uint8_t, 32> d = Utils::sha256BackData(text);
   return Bytes(d.begin(), d.end());
+}
+
+// The fields of an authentication assertion's signed data, whose signature must verify under
+// `publicKey`.
+std::map<uint16_t, Bytes> signedFields(ByteView auth, ByteView publicKey) {
+  ByteReader top(auth);
+  std::optional<ByteReader> body = top.readElement(0x3E02);
+  std::optional<TlvElement> signedData = body ? body->readElement() : std::nullopt;
+  std::optional<ByteReader> signature = body ? body->readElement(0x2E06) : std::nullopt;
+  EXPECT_TRUE(signedData && signature);
+  if (!signedData || !signature) return {};
+  EXPECT_TRUE(testing::verifies(publicKey, signedData->whole, signature->rest()));
+  return elements(signedData->value.rest());
 }
 
 // The one message of a response, checked for the request's header and fcParams; returns the
@@ -253,10 +142,9 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
   EXPECT_TRUE(host.recorder->outcomes.empty()) << "answered before the user was asked";
   host.draw(2);
   ASSERT_EQ(host.recorder->outcomes.size(), 1u);
-  const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
+  const auto krd = keyRegistration(readResponse(host.last(), "Y2hhbGxlbmdl"));
   testing::TempDir saved;
   expectVerifies(saved, registrationRequest("alice"), host.last().response.value_or(""), true);
-  const auto krd = elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
   const Bytes publicKey = krd.at(0x2E0C);
   ASSERT_EQ(publicKey.size(), 91u);
   const std::string keyID = Utils::base64URLSafeStringFromData(krd.at(0x2E09));
@@ -276,21 +164,11 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
     const std::string request = authenticationRequest(
         json::object(), counter == 2 ? std::optional<json>(text) : std::nullopt);
     host.corvane->doAuthentication(DoAuthReq{request, "alice", {}, "Alice"});
-    if (counter == 2) {
-      host.presenter->transaction()->pressConfirm();
-    }
+    if (counter == 2) host.presenter->transaction()->pressConfirm();
     host.draw();
     ASSERT_EQ(host.recorder->outcomes.size(), 1u + counter);
-    const Bytes auth = readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U");
     expectVerifies(saved, request, host.last().response.value_or(""), false);
-    ByteReader top(auth);
-    std::optional<ByteReader> body = top.readElement(0x3E02);
-    ASSERT_TRUE(body);
-    std::optional<TlvElement> signedData = body->readElement();
-    std::optional<ByteReader> signature = body->readElement(0x2E06);
-    ASSERT_TRUE(signedData && signature);
-    EXPECT_TRUE(testing::verifies(publicKey, signedData->whole, signature->rest()));
-    const auto fields = elements(signedData->value.rest());
+    const auto fields = signedFields(readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U"), publicKey);
     EXPECT_EQ(fields.at(0x2E0D), (Bytes{static_cast<uint8_t>(counter), 0, 0, 0}));
     if (counter == 2) {
       EXPECT_EQ(fields.at(0x2E10), digest("Pay 10 EUR"));
@@ -319,113 +197,98 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
   EXPECT_EQ(host.last().error, Error::corvane(30000, "user canceled register action"));
 }
 
-TEST(FlowsTest, RegistrationFailures) {
+// Every refusal of a registration, an authentication and a supported-authenticator question, with
+// its code and text (none for an empty one), and no screen for any of them.
+TEST(FlowsTest, RequestFailures) {
+  enum Kind { reg, auth, supported };
   const json other = {{"appID", "https://127.0.0.1:1/app"}};
+  const json bad = json::array({{{"contentType", "text/plain"}, {"content", "not base64!"}}});
   const struct {
     const char* name;
+    Kind kind;
     std::string request;
-    std::string userVerification;
     int64_t code;
     std::string text;
+    std::string userVerification = "pattern";
   } rows[] = {
-      {"two messages of one version",
+      {"two messages of one version", reg,
        json::array(
            {json::parse(registrationRequest("a"))[0], json::parse(registrationRequest("b"))[0]})
            .dump(),
-       "pattern", 60001, "Multiple UAF Messages with the same version."},
-      {"no user verification", registrationRequest("a"), "", 60000,
-       "Missing Required Fields: userVerification "},
-      {"no message", "[]", "pattern", 60000, "Missing Required Fields: registrationRequest "},
-      {"accepted not lists, op wrong",
+       60001, "Multiple UAF Messages with the same version."},
+      {"no user verification", reg, registrationRequest("a"), 60000,
+       "Missing Required Fields: userVerification ", ""},
+      {"no message", reg, "[]", 60000, "Missing Required Fields: registrationRequest "},
+      {"accepted not lists, op wrong", reg,
        json::array({{{"header", header("Auth")},
                      {"challenge", "c"},
                      {"username", "a"},
                      {"policy", {{"accepted", json::array({1, json::array({2})})}}}}})
            .dump(),
-       "pattern", 60000, "Missing Required Fields: accepted accepted op "},
-      {"unknown critical extension",
+       60000, "Missing Required Fields: accepted accepted op "},
+      {"unknown critical extension", reg,
        registrationRequest(
            "a",
            {{"exts", json::array({{{"id", "nope"}, {"data", ""}, {"fail_if_unknown", true}}})}}),
-       "pattern", 10000, "Unknown Extension.id value."},
-      {"version 1.0",
+       10000, "Unknown Extension.id value."},
+      {"version 1.0", reg,
        json::array({{{"header", {{"upv", {{"major", 1}, {"minor", 0}}}, {"op", "Reg"}}},
                      {"challenge", "c"},
                      {"username", "a"},
                      {"policy", acceptPattern()}}})
            .dump(),
-       "pattern", 50001, "Version Error."},
-      {"policy disallows the aaid",
+       50001, "Version Error."},
+      {"policy disallows the aaid", reg,
        registrationRequest("a", json::object(),
                            {{"accepted", json::array({json::array({{{"aaid", {"0F3D#0002"}}}})})},
                             {"disallowed", json::array({{{"aaid", {"0F3D#0002"}}}})}}),
-       "pattern", 40000, "aaid:0F3D#0002 policy not allowed. aaid:0F3D#0002 policy not allowed. "},
-      {"untrusted facet", registrationRequest("a", other), "pattern", 50000,
+       40000, "aaid:0F3D#0002 policy not allowed. aaid:0F3D#0002 policy not allowed. "},
+      {"untrusted facet", reg, registrationRequest("a", other), 50000,
        "facetID:ios:bundle-id:com.example.host is not trusted under https://127.0.0.1:1/app"},
+      {"auth: no message", auth, "[]", 60000, "Missing Required Fields: authenticationRequest "},
+      {"auth: op Reg", auth,
+       json::array({{{"header", header("Reg")}, {"challenge", "c"}, {"policy", acceptPattern()}}})
+           .dump(),
+       60000, "Missing Required Fields: op "},
+      {"auth: bad transaction", auth, authenticationRequest(json::object(), bad), 60000,
+       "Missing Required Fields: transaction "},
+      {"auth: not enrolled", auth, authenticationRequest(), 20001, ""},
+      {"supported: not JSON", supported, "{", 60001, "JSON Serialization error."},
+      {"supported: no message of version 1.1", supported, "[{}]", 60001,
+       "JSON Serialization error."},
+      {"supported: fields", supported,
+       json::array({{{"header", header("Dereg")},
+                     {"policy", {{"accepted", json::array({1, json::array({2})})}}}}})
+           .dump(),
+       60000, "Missing Required Fields: username accepted accepted op "},
   };
   Host host;
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     const size_t before = host.recorder->outcomes.size();
-    host.corvane->doRegistration(DoRegReq{row.request, row.userVerification, "", {}});
-    ASSERT_EQ(host.recorder->outcomes.size(), before + 1) << row.name;
-    EXPECT_FALSE(host.last().response) << row.name;
-    EXPECT_EQ(host.last().error, Error::corvane(row.code, row.text))
-        << row.name << ": " << host.last().error.localizedDescription();
+    Error error;
+    if (row.kind == reg) {
+      host.corvane->doRegistration(DoRegReq{row.request, row.userVerification, "", {}});
+    } else if (row.kind == auth) {
+      host.corvane->doAuthentication(DoAuthReq{row.request, "alice", {}, ""});
+    } else {
+      EXPECT_FALSE(host.corvane->getSupportedAuthenticator(row.request, &error));
+    }
+    ASSERT_EQ(host.recorder->outcomes.size(), before + (row.kind == supported ? 0 : 1));
+    if (row.kind != supported) {
+      EXPECT_FALSE(host.last().response);
+      error = host.last().error;
+    }
+    EXPECT_EQ(error,
+              Error::corvane(row.code, row.text.empty() ? std::nullopt
+                                                        : std::optional<std::string>(row.text)));
   }
   // Not JSON: the parser's own description.
   host.corvane->doRegistration(DoRegReq{"[{", "pattern", "", {}});
   EXPECT_EQ(host.last().error.code(), 60001);
   EXPECT_FALSE(host.last().error.localizedDescription().empty());
   EXPECT_EQ(host.presenter->presentedCount(), 0u);
-}
 
-TEST(FlowsTest, AuthenticationAndSupportedAuthenticatorFailures) {
-  Host host;
-  const json bad = json::array({{{"contentType", "text/plain"}, {"content", "not base64!"}}});
-  const struct {
-    const char* name;
-    std::string request;
-    int64_t code;
-    std::string text;
-  } rows[] = {
-      {"no message", "[]", 60000, "Missing Required Fields: authenticationRequest "},
-      {"op Reg",
-       json::array({{{"header", header("Reg")}, {"challenge", "c"}, {"policy", acceptPattern()}}})
-           .dump(),
-       60000, "Missing Required Fields: op "},
-      {"bad transaction", authenticationRequest(json::object(), bad), 60000,
-       "Missing Required Fields: transaction "},
-      {"not enrolled", authenticationRequest(), 20001, ""},
-  };
-  for (const auto& row : rows) {
-    const size_t before = host.recorder->outcomes.size();
-    host.corvane->doAuthentication(DoAuthReq{row.request, "alice", {}, ""});
-    ASSERT_EQ(host.recorder->outcomes.size(), before + 1) << row.name;
-    EXPECT_EQ(host.last().error,
-              Error::corvane(
-                  row.code, row.text.empty() ? std::nullopt : std::optional<std::string>(row.text)))
-        << row.name;
-  }
-
-  const struct {
-    const char* name;
-    std::string request;
-    int64_t code;
-    std::string text;
-  } supportedRows[] = {
-      {"not JSON", "{", 60001, "JSON Serialization error."},
-      {"no message of version 1.1", "[{}]", 60001, "JSON Serialization error."},
-      {"fields",
-       json::array({{{"header", header("Dereg")},
-                     {"policy", {{"accepted", json::array({1, json::array({2})})}}}}})
-           .dump(),
-       60000, "Missing Required Fields: username accepted accepted op "},
-  };
-  for (const auto& row : supportedRows) {
-    Error error;
-    EXPECT_FALSE(host.corvane->getSupportedAuthenticator(row.request, &error)) << row.name;
-    EXPECT_EQ(error, Error::corvane(row.code, row.text)) << row.name;
-  }
   // With the pattern lock switched off nothing is active.
   Host inactive(false);
   Error error;
@@ -735,9 +598,8 @@ TEST(AllOrNothingTest, AKilledRegistrationLeavesAllOrNothing) {
 TEST(PersistedLayoutTest, OneRegistrationAndOneAuthentication) {
   Host host;
   const Outcome& registered = registerUser(host, "alice");
-  const Bytes reg = readResponse(registered, "Y2hhbGxlbmdl");
-  const auto krd = elements(elements(elements(reg).at(0x3E01)).at(0x3E03));
-  const std::string keyID(asText(krd.at(0x2E09)));
+  const std::string keyID(
+      asText(keyRegistration(readResponse(registered, "Y2hhbGxlbmdl")).at(0x2E09)));
   ASSERT_EQ(authenticateUser(host, "alice").error.code(), 0);
 
   // {H}: SHA-256 hex of "alice"; {B}: the key ID in base64url.
@@ -789,17 +651,12 @@ std::string pack(std::string_view text) {
 
 // A flat array as nested JSON arrays of the given dimensions.
 template <typename T>
-json nested(const std::vector<T>& flat, std::vector<size_t> dims, size_t offset = 0) {
+json nested(const T* flat, std::vector<size_t> dims) {
   json out = json::array();
-  size_t stride = 1;
-  for (size_t i = 1; i < dims.size(); ++i) stride *= dims[i];
+  const size_t stride = std::accumulate(dims.begin() + 1, dims.end(), size_t{1}, std::multiplies());
   for (size_t i = 0; i < dims[0]; ++i) {
-    if (dims.size() == 1) {
-      out.push_back(flat[offset + i]);
-    } else {
-      out.push_back(
-          nested(flat, std::vector<size_t>(dims.begin() + 1, dims.end()), offset + i * stride));
-    }
+    out.push_back(dims.size() == 1 ? json(flat[i])
+                                   : nested(flat + i * stride, {dims.begin() + 1, dims.end()}));
   }
   return out;
 }
@@ -816,10 +673,10 @@ Bundle makeBundle(const SecretBytes& key) {
   std::optional<RoundTables> round = generateRoundTables(key, *book);
   std::optional<std::vector<uint8_t>> encoding = generateExternalEncoding(false);
   EXPECT_TRUE(round && encoding);
-  const json data1 = {{"Tyboxes", nested(round->tyboxes, {13, 16, 256})},
-                      {"TboxesLast", nested(round->tboxesLast, {16, 256})},
-                      {"MBL", nested(round->mbl, {13, 16, 256})}};
-  const json data2 = {{"permutations", nested(*encoding, {16, 256})}};
+  const json data1 = {{"Tyboxes", nested(round->tyboxes.data(), {13, 16, 256})},
+                      {"TboxesLast", nested(round->tboxesLast.data(), {16, 256})},
+                      {"MBL", nested(round->mbl.data(), {13, 16, 256})}};
+  const json data2 = {{"permutations", nested(encoding->data(), {16, 256})}};
   return {pack(data1.dump()), pack(data2.dump()), *encoding};
 }
 
@@ -879,8 +736,7 @@ uint64_t enrolment(Host& host, std::string_view user) {
 TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
   Host host;
   ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
-  const Bytes reg = readResponse(host.last(), "Y2hhbGxlbmdl");
-  const Bytes publicKey = elements(elements(elements(reg).at(0x3E01)).at(0x3E03)).at(0x2E0C);
+  const Bytes publicKey = keyRegistration(readResponse(host.last(), "Y2hhbGxlbmdl")).at(0x2E0C);
   ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
 
   Bytes keyBytes(32);
@@ -914,16 +770,9 @@ TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
        json::array({{{"id", "wb_encryption"}, {"data", sent}, {"fail_if_unknown", false}}})}};
   host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "alice", {}, "Alice"});
   host.draw();
-  const Bytes auth = readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U");
-  ByteReader top(auth);
-  std::optional<ByteReader> body = top.readElement(0x3E02);
-  ASSERT_TRUE(body);
-  std::optional<TlvElement> signedData = body->readElement();
-  std::optional<ByteReader> signature = body->readElement(0x2E06);
-  ASSERT_TRUE(signedData && signature);
-  EXPECT_TRUE(testing::verifies(publicKey, signedData->whole, signature->rest()));
   // The extension inside the signed data: non-critical, id and enciphered data.
-  const auto extension = elements(elements(signedData->value.rest()).at(0x3E12));
+  const auto extension = elements(
+      signedFields(readResponse(host.last(), "YXV0aC1jaGFsbGVuZ2U"), publicKey).at(0x3E12));
   EXPECT_EQ(asText(extension.at(0x2E13)), "wb_encryption");
   Bytes cipher = Utils::decodeBase64Url(asText(extension.at(0x2E14))).value();
   ASSERT_EQ(cipher.size(), sent.size());
@@ -946,28 +795,24 @@ TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
 
   // Without tables, or with tables that no longer decode, the extension cannot be made.
   const size_t screens = host.presenter->presentedCount();
-  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
-  EXPECT_EQ(host.last().error, Error::corvane(40001, "user has no WB table data."));
-  {
-    CoreDataManager records(host.dir.path() / "data");
-    WBTable broken;
-    broken.username = "bob";
-    broken.wbTable = SecretBytes::fromText(pack(R"({"Tyboxes":[],"TboxesLast":[],"MBL":[]})"));
-    broken.permutations = SecretBytes::fromText(bundle.data2);
-    ASSERT_TRUE(records.insertRecordWithRecordValues(broken, "WBTable"));
+  const std::pair<std::optional<std::pair<std::string, std::string>>, std::string> broken[] = {
+      {std::nullopt, "user has no WB table data."},
+      {std::pair(pack(R"({"Tyboxes":[],"TboxesLast":[],"MBL":[]})"), bundle.data2),
+       "Invalid WB table data."},
+      {std::pair(bundle.data1, pack(R"({"permutations":[[0,0]]})")), "Invalid permutations data."},
+  };
+  for (const auto& [tables, text] : broken) {
+    if (tables) {
+      WBTable row;
+      row.username = "bob";
+      row.wbTable = SecretBytes::fromText(tables->first);
+      row.permutations = SecretBytes::fromText(tables->second);
+      ASSERT_TRUE(
+          CoreDataManager(host.dir.path() / "data").insertRecordWithRecordValues(row, "WBTable"));
+    }
+    host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
+    EXPECT_EQ(host.last().error, Error::corvane(40001, text));
   }
-  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
-  EXPECT_EQ(host.last().error, Error::corvane(40001, "Invalid WB table data."));
-  {
-    CoreDataManager records(host.dir.path() / "data");
-    WBTable broken;
-    broken.username = "bob";
-    broken.wbTable = SecretBytes::fromText(bundle.data1);
-    broken.permutations = SecretBytes::fromText(pack(R"({"permutations":[[0,0]]})"));
-    ASSERT_TRUE(records.insertRecordWithRecordValues(broken, "WBTable"));
-  }
-  host.corvane->doAuthentication(DoAuthReq{authenticationRequest(wb), "bob", {}, "Bob"});
-  EXPECT_EQ(host.last().error, Error::corvane(40001, "Invalid permutations data."));
   EXPECT_EQ(host.presenter->presentedCount(), screens) << "no screen for a refused request";
 
   // The marker stores nothing and succeeds.
@@ -1044,17 +889,17 @@ TEST(SyncTest, EveryFailureHasItsCodeAndText) {
         << row.name << ": " << error.localizedDescription();
     EXPECT_TRUE(storedTables(host, "carol").empty()) << row.name;
   }
+  Error error;
   for (std::optional<std::string> appID :
        {std::optional<std::string>(), std::optional<std::string>("")}) {
-    Error error;
     host.corvane->syncServerData(SyncServerData{appID, {}}, &error);
     EXPECT_EQ(error, Error::corvane(60000, "Missing Required Fields: appID"));
+    error = Error();
   }
   // A store that cannot be written.
   ASSERT_TRUE(host.corvane->syncRegData(syncRequest("carol", good.data1, good.data2), nullptr));
   testing::writeFile(host.dir.path() / "data" / "Database" / "Model.sqlite",
                      std::string(8192, 'x'));
-  Error error;
   EXPECT_FALSE(host.corvane->syncRegData(syncRequest("carol", good.data1, good.data2), &error));
   EXPECT_EQ(error, Error::corvane(10000, "Fail to insert data into CoreData."));
 }
