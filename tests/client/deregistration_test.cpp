@@ -14,6 +14,8 @@
 
 #include "client/flow_support.h"
 #include "facade_host.h"
+#include "fakes/fake_item_store.h"
+#include "fakes/fake_key_store.h"
 #include "foundation/utils.h"
 #include "support/test_https_server.h"
 
@@ -22,48 +24,6 @@ namespace {
 
 using namespace facade;
 constexpr std::string_view kAaid = "0F3D#0002";
-
-// The item store of the platform, with a switch that makes every call fail.
-class SwitchedItemStore final : public ItemStore {
- public:
-  explicit SwitchedItemStore(std::shared_ptr<ItemStore> inner) : inner_(std::move(inner)) {}
-  bool failing = false;
-
-  StoreStatus add(const ItemAttributes& item, const SecretBytes& value) override {
-    return failing ? StoreStatus::storeError : inner_->add(item, value);
-  }
-  StoreStatus upsert(const ItemAttributes& item, const SecretBytes& value) override {
-    return failing ? StoreStatus::storeError : inner_->upsert(item, value);
-  }
-  StoreStatus findFirst(const ItemQuery& query, SecretBytes* value) override {
-    return failing ? StoreStatus::storeError : inner_->findFirst(query, value);
-  }
-  StoreStatus findFirstAttributes(const ItemQuery& query, ItemAttributes* attributes) override {
-    return failing ? StoreStatus::storeError : inner_->findFirstAttributes(query, attributes);
-  }
-  StoreStatus listServices(const ItemQuery& query, std::vector<std::string>* services) override {
-    return failing ? StoreStatus::storeError : inner_->listServices(query, services);
-  }
-  StoreStatus listAccounts(const ItemQuery& query, std::vector<std::string>* accounts) override {
-    return failing ? StoreStatus::storeError : inner_->listAccounts(query, accounts);
-  }
-  StoreStatus update(const ItemQuery& query, const SecretBytes& value) override {
-    return failing ? StoreStatus::storeError : inner_->update(query, value);
-  }
-  StoreStatus remove(const ItemQuery& query) override {
-    return failing ? StoreStatus::storeError : inner_->remove(query);
-  }
-  StoreStatus beginTransaction() override {
-    return failing ? StoreStatus::storeError : inner_->beginTransaction();
-  }
-  StoreStatus commitTransaction() override {
-    return failing ? StoreStatus::storeError : inner_->commitTransaction();
-  }
-  void rollbackTransaction() override { inner_->rollbackTransaction(); }
-
- private:
-  std::shared_ptr<ItemStore> inner_;
-};
 
 // A test CA the client trusts and a server whose "/facets" document lists the caller.
 struct FacetServer {
@@ -83,11 +43,8 @@ struct FacetServer {
 
 class Device : public Host {
  public:
-  explicit Device(const FacetServer& facets)
-      : Host(Setup{.extraCaFile = facets.dir.path() / "ca.pem", .adjust = [](Platform& platform) {
-                     platform.itemStore = std::make_shared<SwitchedItemStore>(platform.itemStore);
-                   }}) {}
-  SwitchedItemStore& switched() { return static_cast<SwitchedItemStore&>(*items); }
+  explicit Device(const FacetServer& facets, std::function<void(Platform&)> adjust = {})
+      : Host(Setup{.extraCaFile = facets.dir.path() / "ca.pem", .adjust = std::move(adjust)}) {}
 
   // Registers `user` under `appID` (absent: no header appID), drawing the pattern twice; the
   // registration's key ID is kept under "<user>@<label>".
@@ -162,7 +119,12 @@ Error untouched() {
 
 TEST(DeregistrationTest, RequestRefusals) {
   FacetServer facets;
-  Device host(facets);
+  auto items = std::make_shared<testing::FakeItemStore>();
+  items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+  Device host(facets, [items](Platform& platform) {
+    platform.itemStore = items;
+    platform.keyStore = std::make_shared<testing::FakeKeyStore>();
+  });
   const json valid = json::array({entry(kAaid, "a2V5")});
   json strict = deregistrationHeader();
   strict["exts"] =
@@ -222,7 +184,8 @@ TEST(DeregistrationTest, RequestRefusals) {
   }
 
   // The ASM's failure arrives translated, without a text.
-  host.switched().failing = true;
+  items->failAllReads(true);
+  items->failAllWrites(true);
   Error error = untouched();
   EXPECT_FALSE(host.corvane->doDeregistrationReq(
       deregistrationRequest(deregistrationHeader(), valid), &error));
@@ -236,7 +199,8 @@ TEST(DeregistrationTest, RequestRefusals) {
   error = untouched();
   host.corvane->doDeregistration(facets.appID(), {{"alice", "", ""}}, &error);
   EXPECT_EQ(error, Error::corvane(10000));
-  host.switched().failing = false;
+  items->failAllReads(false);
+  items->failAllWrites(false);
 
   // Pushed keys: an appID is required, and must trust the caller even when it is the caller's own.
   const struct {
