@@ -201,28 +201,6 @@ TEST(DeregistrationTest, RequestRefusals) {
   EXPECT_EQ(error, Error::corvane(10000));
   items->failAllReads(false);
   items->failAllWrites(false);
-
-  // Pushed keys: an appID is required, and must trust the caller even when it is the caller's own.
-  const struct {
-    const char* name;
-    std::string appID;
-    Error error;
-  } pushRows[] = {
-      {"no appID", "", Error::corvane(60000, "Missing Required Fields: appID")},
-      {"own facet ID", std::string(kFacet),
-       Error::corvane(50000,
-                      "facetID:ios:bundle-id:com.example.host is not trusted under "
-                      "ios:bundle-id:com.example.host")},
-  };
-  for (const auto& row : pushRows) {
-    error = untouched();
-    host.corvane->doDeregistration(row.appID, {}, &error);
-    EXPECT_EQ(error, row.error) << row.name;
-  }
-  // The local removal never takes an empty name for every user.
-  error = untouched();
-  EXPECT_FALSE(host.corvane->doDeregistrationUsername("", &error));
-  EXPECT_EQ(error, Error::corvane(60000, "Missing Required Fields: username "));
 }
 
 // The two steps no request of the built-in catalogue reaches through the facade.
@@ -360,6 +338,9 @@ TEST(DeregistrationTest, EachOperationRemovesExactlyWhatItNames) {
             [&](const Keys& k) {
               return Pushed{{"carol", "0F3D#0001", k.at("carol")}, {"alice", aaid, ""}};
             })},
+      // Pushed keys need an appID, which must trust the caller even when it is the caller's own.
+      {"push: no appID", Error::corvane(60000, "Missing Required Fields: appID"), everything,
+       push("", [](const Keys&) { return Pushed{}; })},
       {"push: untrusted application",
        Error::corvane(50000,
                       "facetID:ios:bundle-id:com.example.host is not trusted under "

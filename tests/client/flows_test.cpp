@@ -474,22 +474,16 @@ std::vector<std::string> storedRows(const std::filesystem::path& file) {
   std::vector<std::string> rows;
   sqlite3* db = nullptr;
   EXPECT_EQ(sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr), SQLITE_OK);
-  sqlite3_stmt* statement = nullptr;
-  EXPECT_EQ(sqlite3_prepare_v2(db,
-                               "SELECT ifnull(account, '-'), ifnull(service, '-'), "
-                               "ifnull(generic, '-'), ifnull(CAST(label AS TEXT), '-'), "
-                               "ifnull(access_group, '-') FROM items",
-                               -1, &statement, nullptr),
+  const auto add = [](void* out, int, char** values, char**) {
+    static_cast<std::vector<std::string>*>(out)->push_back(values[0]);
+    return 0;
+  };
+  EXPECT_EQ(sqlite3_exec(db,
+                         "SELECT ifnull(account, '-') || ' | ' || ifnull(service, '-') || ' | ' || "
+                         "ifnull(generic, '-') || ' | ' || ifnull(CAST(label AS TEXT), '-') || "
+                         "' | ' || ifnull(access_group, '-') FROM items",
+                         add, &rows, nullptr),
             SQLITE_OK);
-  while (sqlite3_step(statement) == SQLITE_ROW) {
-    std::string row;
-    for (int column = 0; column < 5; ++column) {
-      row += (column > 0 ? " | " : "");
-      row += reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-    }
-    rows.push_back(std::move(row));
-  }
-  sqlite3_finalize(statement);
   sqlite3_close(db);
   std::sort(rows.begin(), rows.end());
   return rows;
@@ -906,9 +900,9 @@ TEST(SyncTest, EveryFailureHasItsCodeAndText) {
 
 TEST(SyncTest, ServerDataRemovesTheNamedRegistrations) {
   Host host;
-  ASSERT_EQ(registerUser(host, "alice").error.code(), 0);
-  ASSERT_EQ(registerUser(host, "bob").error.code(), 0);
-  ASSERT_EQ(registerUser(host, "carol").error.code(), 0);
+  for (const char* user : {"alice", "bob", "carol"}) {
+    ASSERT_EQ(registerUser(host, user).error.code(), 0) << user;
+  }
   Error error = Error::corvane(1, "untouched");
   host.corvane->syncServerData(SyncServerData{"ios:bundle-id:com.example.host",
                                               {{"alice", "0F3D#0001", ""},
