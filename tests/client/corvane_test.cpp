@@ -28,9 +28,7 @@
 namespace corvane {
 namespace {
 
-using testing::FakeItemStore;
-using testing::FakeKeyStore;
-using testing::FakeUserDefaults;
+using namespace testing;
 using Pattern = std::vector<uint32_t>;
 
 const Pattern kAlice = {0, 4, 8, 5};
@@ -64,17 +62,14 @@ struct Installation {
   testing::TempDir dataDir;
   std::shared_ptr<FakeItemStore> items = std::make_shared<FakeItemStore>();
   std::shared_ptr<FakeKeyStore> keys = std::make_shared<FakeKeyStore>();
-  std::shared_ptr<testing::ScriptedBiometry> biometry =
-      std::make_shared<testing::ScriptedBiometry>();
-  std::shared_ptr<testing::FakeHostBundle> host = std::make_shared<testing::FakeHostBundle>();
-  std::shared_ptr<testing::FakeHostBundle> framework = std::make_shared<testing::FakeHostBundle>();
+  std::shared_ptr<ScriptedBiometry> biometry = std::make_shared<ScriptedBiometry>();
+  std::shared_ptr<FakeHostBundle> host = std::make_shared<FakeHostBundle>();
+  std::shared_ptr<FakeHostBundle> framework = std::make_shared<FakeHostBundle>();
   std::shared_ptr<FakeUserDefaults> defaults = std::make_shared<FakeUserDefaults>();
-  std::shared_ptr<testing::FakeClock> clock = std::make_shared<testing::FakeClock>();
-  std::shared_ptr<testing::FakeDeviceInfo> device =
-      std::make_shared<testing::FakeDeviceInfo>("x86_64", "6.1.0");
-  std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>();
-  std::shared_ptr<testing::ManualScheduler> scheduler =
-      std::make_shared<testing::ManualScheduler>();
+  std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+  std::shared_ptr<FakeDeviceInfo> device = std::make_shared<FakeDeviceInfo>("x86_64", "6.1.0");
+  std::shared_ptr<FakeHttpClient> http = std::make_shared<FakeHttpClient>();
+  std::shared_ptr<ManualScheduler> scheduler = std::make_shared<ManualScheduler>();
   Configuration configuration{*host, *framework, *defaults};
   Keychain keychain{*items, *keys, *biometry, configuration};
   PatternManager patterns{keychain};

@@ -199,8 +199,6 @@ TEST(DeregistrationTest, RequestRefusals) {
   error = untouched();
   host.corvane->doDeregistration(facets.appID(), {{"alice", "", ""}}, &error);
   EXPECT_EQ(error, Error::corvane(10000));
-  items->failAllReads(false);
-  items->failAllWrites(false);
 }
 
 // The two steps no request of the built-in catalogue reaches through the facade.

@@ -127,6 +127,20 @@ void expectVerifies(const testing::TempDir& dir, const std::string& request,
   EXPECT_NE(out.str().find(" passed, 0 failed"), std::string::npos) << out.str();
 }
 
+// The supported-authenticator answer to an authentication request naming `user`.
+std::optional<GetSupportedAuthenticatorResponse> supportedFor(Host& host, std::string_view user) {
+  json question = json::parse(authenticationRequest());
+  question[0]["username"] = user;
+  Error error;
+  auto supported = host.corvane->getSupportedAuthenticator(question.dump(), &error);
+  EXPECT_TRUE(supported) << error.localizedDescription();
+  return supported;
+}
+uint64_t enrolment(Host& host, std::string_view user) {
+  const auto supported = supportedFor(host, user);
+  return supported ? supported->status : 0;
+}
+
 TEST(FlowsTest, DiscoverRegisterAuthenticate) {
   Host host;
   Error error;
@@ -151,11 +165,8 @@ TEST(FlowsTest, DiscoverRegisterAuthenticate) {
 
   // An authentication request: a registration request whose policy does not name the key would
   // take the user's registration for stale.
-  json question = json::parse(authenticationRequest());
-  question[0]["username"] = "alice";
-  std::optional<GetSupportedAuthenticatorResponse> supported =
-      host.corvane->getSupportedAuthenticator(question.dump(), &error);
-  ASSERT_TRUE(supported) << error.localizedDescription();
+  const auto supported = supportedFor(host, "alice");
+  ASSERT_TRUE(supported);
   EXPECT_EQ(supported->status, 4u);
   EXPECT_EQ(supported->userVerifications, std::vector<std::string>{"pattern"});
 
@@ -297,13 +308,11 @@ TEST(FlowsTest, RequestFailures) {
 }
 
 TEST(FlowsTest, AaidLookUps) {
-  AuthenticatorInfo enrolled;
-  enrolled.aaid = "0F3D#0002";
-  enrolled.status = 4;
-  AuthenticatorInfo supported;
-  supported.aaid = "0F3D#0001";
-  supported.status = 2;
-  const std::vector<AuthenticatorInfo> infos = {supported, enrolled};
+  std::vector<AuthenticatorInfo> infos(2);  // one supported, one enrolled
+  infos[0].aaid = "0F3D#0001";
+  infos[0].status = 2;
+  infos[1].aaid = "0F3D#0002";
+  infos[1].status = 4;
   EXPECT_TRUE(isAaidInAuthenticatorInfoArray("0F3D#0001", infos));
   EXPECT_FALSE(isAaidInAuthenticatorInfoArray("0f3d#0001", infos));
   EXPECT_TRUE(isAaidInAuthenticatorInfoArrayAndRegistered("0F3D#0002", infos));
@@ -716,15 +725,6 @@ std::optional<SyncRegDataRequest> syncRequest(std::optional<std::string> user,
 std::vector<WBTable> storedTables(const Host& host, std::string_view user) {
   CoreDataManager records(host.dir.path() / "data");
   return records.fetchRecordsFromTable("WBTable", RecordPredicate::usernameEquals(user)).value();
-}
-
-uint64_t enrolment(Host& host, std::string_view user) {
-  json question = json::parse(authenticationRequest());
-  question[0]["username"] = user;
-  Error error;
-  std::optional<GetSupportedAuthenticatorResponse> supported =
-      host.corvane->getSupportedAuthenticator(question.dump(), &error);
-  return supported ? supported->status : 0;
 }
 
 TEST(SyncTest, TablesEncipherTheWhiteboxExtension) {
