@@ -98,11 +98,6 @@ class Device : public Host {
   std::vector<std::string> users;
 };
 
-json deregistrationHeader(std::optional<std::string> appID = std::nullopt) {
-  json header = {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", "Dereg"}};
-  if (appID) header["appID"] = *appID;
-  return header;
-}
 json entry(std::string_view aaid, std::string_view keyID) {
   return {{"aaid", aaid}, {"keyID", keyID}};
 }
@@ -126,14 +121,14 @@ TEST(DeregistrationTest, RequestRefusals) {
     platform.keyStore = std::make_shared<testing::FakeKeyStore>();
   });
   const json valid = json::array({entry(kAaid, "a2V5")});
-  json strict = deregistrationHeader();
+  json strict = header("Dereg");
   strict["exts"] =
       json::array({{{"id", "register_limit"}, {"data", "1"}, {"fail_if_unknown", true}}});
-  json badFields = deregistrationHeader(std::string(513, 'a'));
+  json badFields = header("Dereg", {{"appID", std::string(513, 'a')}});
   badFields["op"] = "Reg";
   badFields["serverData"] = "";
   badFields["exts"] = json::array({{{"id", ""}, {"data", "x"}, {"fail_if_unknown", false}}});
-  json oldVersion = deregistrationHeader();
+  json oldVersion = header("Dereg");
   oldVersion["upv"]["minor"] = 0;
   const struct {
     const char* name;
@@ -141,7 +136,7 @@ TEST(DeregistrationTest, RequestRefusals) {
     Error error;
   } rows[] = {
       {"not JSON", "[{", Error::corvane(60001, "Json Serialization error.")},
-      {"message without authenticators", json::array({{{"header", deregistrationHeader()}}}).dump(),
+      {"message without authenticators", json::array({{{"header", header("Dereg")}}}).dump(),
        Error::corvane(60001, "Json Serialization error.")},
       {"mistyped header appID",
        json::array(
@@ -150,8 +145,8 @@ TEST(DeregistrationTest, RequestRefusals) {
            .dump(),
        Error::corvane(60001, "")},
       {"two messages of one version",
-       json::array({json::parse(deregistrationRequest(deregistrationHeader(), valid))[0],
-                    json::parse(deregistrationRequest(deregistrationHeader(), valid))[0]})
+       json::array({json::parse(deregistrationRequest(header("Dereg"), valid))[0],
+                    json::parse(deregistrationRequest(header("Dereg"), valid))[0]})
            .dump(),
        Error::corvane(60001, "Multiple UAF Messages with the same version.")},
       {"no message", "[]",
@@ -160,11 +155,11 @@ TEST(DeregistrationTest, RequestRefusals) {
       {"fields in check order", deregistrationRequest(badFields, json::array({entry("", "a2V5")})),
        Error::corvane(60000,
                       "Missing Required Fields: appID serverData op authenticators exts.id ")},
-      {"empty list", deregistrationRequest(deregistrationHeader(), json::array()),
+      {"empty list", deregistrationRequest(header("Dereg"), json::array()),
        Error::corvane(60000, "Missing Required Fields: authenticators ")},
       // An absent keyID in a longer list is already a missing field.
       {"first entry without keyID",
-       deregistrationRequest(deregistrationHeader(),
+       deregistrationRequest(header("Dereg"),
                              json::array({{{"aaid", kAaid}, {"keyID", 5}}, entry(kAaid, "a2V5")})),
        Error::corvane(60000, "Missing Required Fields: authenticators ")},
       {"supported extension marked critical", deregistrationRequest(strict, valid),
@@ -172,7 +167,7 @@ TEST(DeregistrationTest, RequestRefusals) {
       {"version 1.0", deregistrationRequest(oldVersion, valid),
        Error::corvane(50001, "Version Error.")},
       {"untrusted appID",
-       deregistrationRequest(deregistrationHeader("https://127.0.0.1:1/app"), valid),
+       deregistrationRequest(header("Dereg", {{"appID", "https://127.0.0.1:1/app"}}), valid),
        Error::corvane(50000,
                       "facetID:ios:bundle-id:com.example.host is not trusted under "
                       "https://127.0.0.1:1/app")},
@@ -187,8 +182,8 @@ TEST(DeregistrationTest, RequestRefusals) {
   items->failAllReads(true);
   items->failAllWrites(true);
   Error error = untouched();
-  EXPECT_FALSE(host.corvane->doDeregistrationReq(
-      deregistrationRequest(deregistrationHeader(), valid), &error));
+  EXPECT_FALSE(
+      host.corvane->doDeregistrationReq(deregistrationRequest(header("Dereg"), valid), &error));
   EXPECT_EQ(error, Error::corvane(10000));
   error = untouched();
   EXPECT_FALSE(host.corvane->doDeregistrationUsername("alice", &error));
@@ -266,10 +261,10 @@ TEST(DeregistrationTest, EachOperationRemovesExactlyWhatItNames) {
       return true;
     };
   };
-  // A request under `appID` (absent: none in the header) with the entries made of the key IDs.
-  const auto request = [](std::optional<std::string> appID, auto entries) -> Action {
+  // A request with these header fields and the entries made of the key IDs.
+  const auto request = [](json headerExtra, auto entries) -> Action {
     return [=](Corvane& c, const Keys& k, Error* e) {
-      return c.doDeregistrationReq(deregistrationRequest(deregistrationHeader(appID), entries(k)),
+      return c.doDeregistrationReq(deregistrationRequest(header("Dereg", headerExtra), entries(k)),
                                    e);
     };
   };
@@ -307,23 +302,24 @@ TEST(DeregistrationTest, EachOperationRemovesExactlyWhatItNames) {
          return c.doDeregistrationWithAaid(aaid, k.at("alice"), b, "alice", e);
        }},
       {"request: first entry with an empty key ID, of two", Error::corvane(0), withoutCarol,
-       request(b,
+       request({{"appID", b}},
                [](const Keys& k) {
                  return json::array({entry(kAaid, ""), entry(kAaid, k.at("alice"))});
                })},
       {"request: two valid entries, only the first",
        Error::corvane(0),
        {"bob@A", "carol@B", "key bob", "key carol"},
-       request(std::nullopt,
+       request(json::object(),
                [](const Keys& k) {
                  return json::array({entry(kAaid, k.at("alice")), entry(kAaid, k.at("bob"))});
                })},
       {"request without appID: both empty, within the caller's application",
        Error::corvane(0),
        {"carol@B", "key carol"},
-       request(std::nullopt, [](const Keys&) { return json::array({entry("", "")}); })},
+       request(json::object(), [](const Keys&) { return json::array({entry("", "")}); })},
       {"request: a key of another application", Error::corvane(0), everything,
-       request(b, [](const Keys& k) { return json::array({entry(kAaid, k.at("alice"))}); })},
+       request({{"appID", b}},
+               [](const Keys& k) { return json::array({entry(kAaid, k.at("alice"))}); })},
       {"push: empty list, one application", untouched(), withoutCarol,
        push(b, [](const Keys&) { return Pushed{}; })},
       {"push: empty AAID acted on", untouched(), withoutCarol,

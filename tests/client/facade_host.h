@@ -96,7 +96,6 @@ class Host {
  public:
   struct Setup {
     bool patternActive = true;
-    bool withPresenter = true;
     // An existing folder holding "Host.app" and "data"; a fresh temporary one when absent.
     std::optional<std::filesystem::path> root = {};
     bool durableWrites = false;
@@ -105,8 +104,7 @@ class Host {
     std::function<void(Platform&)> adjust = {};
   };
 
-  explicit Host(bool patternActive = true, bool withPresenter = true)
-      : Host(Setup{.patternActive = patternActive, .withPresenter = withPresenter}) {}
+  explicit Host(bool patternActive = true) : Host(Setup{.patternActive = patternActive}) {}
   explicit Host(const Setup& setup) : root(setup.root.value_or(dir.path())) {
     if (!setup.root) writeHostBundle(root, setup.patternActive);
     linux_platform::LinuxPlatformOptions options;
@@ -120,7 +118,7 @@ class Host {
     EXPECT_TRUE(platform) << error.localizedDescription();
     if (!platform) return;
     platform->scheduler = scheduler;
-    if (setup.withPresenter) platform->screenPresenter = presenter;
+    platform->screenPresenter = presenter;
     if (setup.adjust) setup.adjust(*platform);
     items = platform->itemStore;
     keys = platform->keyStore;
