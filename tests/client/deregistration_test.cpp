@@ -14,7 +14,6 @@
 
 #include "client/flow_support.h"
 #include "facade_host.h"
-#include "fakes/fake_item_store.h"
 #include "fakes/fake_key_store.h"
 #include "foundation/utils.h"
 #include "support/test_https_server.h"
@@ -114,12 +113,8 @@ Error untouched() {
 
 TEST(DeregistrationTest, RequestRefusals) {
   FacetServer facets;
-  auto items = std::make_shared<testing::FakeItemStore>();
-  items->setDefaultAccessGroup("CORVANELNX.com.example.host");
-  Device host(facets, [items](Platform& platform) {
-    platform.itemStore = items;
-    platform.keyStore = std::make_shared<testing::FakeKeyStore>();
-  });
+  auto items = fakeItemStore();
+  Device host(facets, withStores(items, std::make_shared<testing::FakeKeyStore>()).adjust);
   const json valid = json::array({entry(kAaid, "a2V5")});
   json strict = header("Dereg");
   strict["exts"] =

@@ -16,6 +16,7 @@
 
 #include "corvane/corvane.h"
 #include "corvane/linux_platform.h"
+#include "fakes/fake_item_store.h"
 #include "fakes/manual_scheduler.h"
 #include "fakes/scripted_presenter.h"
 #include "test_files.h"
@@ -147,6 +148,23 @@ class Host {
   std::shared_ptr<KeyStore> keys;
   std::unique_ptr<Corvane> corvane;
 };
+
+// A fake item store that gives new items the host's access group, as the Linux one does.
+inline std::shared_ptr<testing::FakeItemStore> fakeItemStore() {
+  auto items = std::make_shared<testing::FakeItemStore>();
+  items->setDefaultAccessGroup("CORVANELNX.com.example.host");
+  return items;
+}
+
+// A host over the Linux platform with these item and key stores in place of its own.
+inline Host::Setup withStores(std::shared_ptr<ItemStore> items, std::shared_ptr<KeyStore> keys) {
+  Host::Setup setup;
+  setup.adjust = [items, keys](Platform& platform) {
+    platform.itemStore = items;
+    platform.keyStore = keys;
+  };
+  return setup;
+}
 
 }  // namespace facade
 }  // namespace corvane

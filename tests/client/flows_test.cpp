@@ -23,14 +23,10 @@
 #include <unistd.h>
 #include <zlib.h>
 
-#include <nlohmann/json.hpp>
-
 #include "client/discovery.h"
 #include "corvane-rp/core/verify_command.h"
-#include "corvane/corvane.h"
 #include "crypto/aes_wb_helper.h"
 #include "facade_host.h"
-#include "fakes/fake_item_store.h"
 #include "fakes/fake_key_store.h"
 #include "foundation/byte_io.h"
 #include "foundation/utils.h"
@@ -38,8 +34,6 @@
 #include "linux/openssl_key_store.h"
 #include "storage/core_data_manager.h"
 #include "tablegen/whitebox_generator.h"
-#include "test_files.h"
-#include "test_support.h"
 
 namespace corvane {
 namespace {
@@ -345,23 +339,6 @@ std::vector<std::string> everyItem(const testing::FakeItemStore& store) {
                   a.accessGroup.value_or("-") + "|" + hexadecimalString(item.value.exposeSecret()));
   }
   return out;
-}
-
-// A fake item store that gives new items the host's access group, as the Linux one does.
-std::shared_ptr<testing::FakeItemStore> fakeItemStore() {
-  auto items = std::make_shared<testing::FakeItemStore>();
-  items->setDefaultAccessGroup("CORVANELNX.com.example.host");
-  return items;
-}
-
-// A host over the Linux platform with these item and key stores in place of its own.
-Host::Setup withStores(std::shared_ptr<ItemStore> items, std::shared_ptr<KeyStore> keys) {
-  Host::Setup setup;
-  setup.adjust = [items, keys](Platform& platform) {
-    platform.itemStore = items;
-    platform.keyStore = keys;
-  };
-  return setup;
 }
 
 // For every write a registration (then an authentication) makes, the commit included: when that
