@@ -679,11 +679,7 @@ Bundle wbgenBundle(std::string_view keyHex) {
   FILE* pipe = ::popen(command.c_str(), "r");
   EXPECT_NE(pipe, nullptr);
   std::string out;
-  char buffer[65536];
-  size_t read;
-  while (pipe != nullptr && (read = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    out.append(buffer, read);
-  }
+  for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) out += static_cast<char>(c);
   EXPECT_EQ(pipe != nullptr ? ::pclose(pipe) : -1, 0);
   const json printed = json::parse(out);
   Bundle bundle{printed.at("data1"), printed.at("data2"), {}};
