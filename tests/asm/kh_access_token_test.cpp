@@ -24,11 +24,6 @@ TEST(AsmRecords, RequestTypeNamesByPositionAndAbsentBeyond) {
   }
 }
 
-std::optional<std::string> token(std::string_view appID, std::string_view asmToken = "00ff",
-                                 std::string_view callerId = "facet", Error* error = nullptr) {
-  return Asm::makeKHAccessToken(appID, asmToken, callerId, error);
-}
-
 TEST(AsmKHAccessToken, ExactTextInMemberOrderWithEscapes) {
   const struct {
     std::string appID, asmToken, callerId;
@@ -58,7 +53,8 @@ TEST(AsmKHAccessToken, ExactTextInMemberOrderWithEscapes) {
   };
   for (const auto& c : cases) {
     Error error;
-    EXPECT_EQ(token(c.appID, c.asmToken, c.callerId, &error), c.text) << c.appID << c.callerId;
+    EXPECT_EQ(Asm::makeKHAccessToken(c.appID, c.asmToken, c.callerId, &error), c.text)
+        << c.appID << c.callerId;
     if (!c.text) {
       EXPECT_EQ(error, Error::corvane(1, std::string(Asm::kInvalidText)));
     }
