@@ -48,18 +48,16 @@ Tweak keys(std::vector<std::string> ids) {
 Tweak uv(uint64_t value) {
   return [value](AuthenticatorInfo& a) { a.userVerification = value; };
 }
-const Tweak kNone = [](AuthenticatorInfo&) {};
 
 std::optional<json> list(std::string_view text) {
-  if (text.empty()) return std::nullopt;
-  return json::parse(text);
+  return text.empty() ? std::nullopt : std::optional(json::parse(text));
 }
 
 struct Row {
   std::string_view criteria;  // the accepted list (AcceptedList) or the disallowed list
   bool verdict;
   Uvs uvsAfter = kBoth;
-  Tweak tweak = kNone;
+  Tweak tweak = nullptr;
 };
 
 class PolicyTableTest : public ::testing::Test {
@@ -69,7 +67,7 @@ class PolicyTableTest : public ::testing::Test {
            const std::string& refusal) {
     SCOPED_TRACE(row.criteria);
     AuthenticatorInfo info = basicInfo();
-    row.tweak(info);
+    if (row.tweak) row.tweak(info);
     Error error(kCorvaneErrorDomain, -1, "untouched");
     EXPECT_EQ(
         helper.checkPolicy(&info, list(accepted), list(disallowed), false, "alice", kApp, &error),
@@ -269,12 +267,10 @@ AuthenticatorInfo enrolled(std::optional<std::vector<std::string>> keyIDs) {
   info.keyIDs = std::move(keyIDs);
   return info;
 }
+// A Deregister (type 3) of alice's keys under kApp.
 AsmRequest deregister(int64_t index) {
-  AsmRequest request;
-  request.requestType = 3;
-  request.authenticatorIndex = index;
-  request.args = DeregisterIn{"alice", std::string(kApp), std::nullopt};
-  return request;
+  const DeregisterIn alice{"alice", std::string(kApp), std::nullopt};
+  return {3, std::nullopt, index, alice, std::nullopt, 0};
 }
 
 TEST_F(PolicyTableTest, EnrolledKeySendsDeregisterOnlyWhenTheServerDoesNotKnowIt) {
