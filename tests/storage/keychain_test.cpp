@@ -35,9 +35,8 @@ class KeychainTest : public ::testing::TestWithParam<StoreKind> {
 };
 
 TEST_P(KeychainTest, ItemOperations) {
-  EXPECT_EQ(k().corvaneQueryLabelForLastPatternLock(),
-            Bytes(std::string_view("AUTHNR.last_patternlock.com.example.host.Corvane").begin(),
-                  std::string_view("AUTHNR.last_patternlock.com.example.host.Corvane").end()));
+  EXPECT_EQ(asText(k().corvaneQueryLabelForLastPatternLock()),
+            "AUTHNR.last_patternlock.com.example.host.Corvane");
   EXPECT_EQ(k().insertGenericPasswordWithAccount("a", "s", "g", secret("one")), StoreStatus::ok);
   EXPECT_EQ(k().insertGenericPasswordWithAccount("a", "s", "other", secret("two")),
             StoreStatus::duplicate);
@@ -70,24 +69,19 @@ TEST_P(KeychainTest, AbsentArgumentsWidenDeletes) {
   for (const auto& c : cases) {
     KeychainRig rig(GetParam());
     Keychain& k = *rig.keychain;
-    for (std::string a : {"a1", "a2"}) {
-      for (std::string s : {"s1", "s2"}) {
+    for (std::string a : {"a1", "a2"})
+      for (std::string s : {"s1", "s2"})
         ASSERT_EQ(k.insertGenericPasswordWithAccount(a, s, s == "s1" ? "g1" : "g2", secret(a)),
                   StoreStatus::ok);
-      }
-    }
     ASSERT_EQ(k.insertGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt,
                                                  secret("last")),
               StoreStatus::ok);
     EXPECT_EQ(k.deleteGenericPasswordWithAccount(c.account, c.service, c.generic), c.result);
     std::set<std::string> left;
-    for (std::string a : {"a1", "a2"}) {
-      for (std::string s : {"s1", "s2"}) {
-        if (shown(k.findGenericPasswordWithAccount(a, s, std::nullopt)) != "-") {
+    for (std::string a : {"a1", "a2"})
+      for (std::string s : {"s1", "s2"})
+        if (shown(k.findGenericPasswordWithAccount(a, s, std::nullopt)) != "-")
           left.insert(a + "/" + s);
-        }
-      }
-    }
     EXPECT_EQ(left, c.left) << c.account.value_or("*") << c.generic.value_or("*");
     EXPECT_EQ(
         shown(k.findGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt)),
@@ -153,10 +147,8 @@ TEST_P(KeychainTest, EncryptKeyFallsBackOnlyWhenTheFirstIsAbsent) {
                                                                std::nullopt, secret(item.value)),
                 StoreStatus::ok);
     }
-    if (c.unreadable) {
-      if (rig.fake() == nullptr) continue;
-      rig.fake()->failReadsOfService(*c.unreadable);
-    }
+    if (c.unreadable && rig.fake() == nullptr) continue;
+    if (c.unreadable) rig.fake()->failReadsOfService(*c.unreadable);
     EXPECT_EQ(shown(rig.keychain->getAesEncryptKey()), c.expected);
   }
 }
