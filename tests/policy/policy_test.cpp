@@ -225,9 +225,8 @@ TEST(PolicyCriteriaValidTest, AaidRulesAndExtensions) {
       {R"({})", false},
       {R"({"assertionSchemes":["UAFV1TLV"]})", false},
       {R"({"assertionSchemes":["UAFV1TLV"],"authenticationAlgorithms":[2],"vendorKey":1})", true}};
-  for (const auto& [text, valid] : rows) {
+  for (const auto& [text, valid] : rows)
     EXPECT_EQ(PolicyHelper::checkMatchCriteriaValid(json::parse(text)), valid) << text;
-  }
   auto ext = [](json id, json failIfUnknown = false) {
     return json{{"id", std::move(id)}, {"data", "d"}, {"fail_if_unknown", failIfUnknown}};
   };

@@ -46,17 +46,15 @@ Rows contents(CoreDataManager& m) {
   Rows out;
   auto records = m.fetchRecordsFromTable("WBTable", kAll);
   EXPECT_TRUE(records.ok());
-  for (const auto& r : records ? *records : std::vector<WBTable>{}) {
+  for (const auto& r : records ? *records : std::vector<WBTable>{})
     out.push_back(r.username.value_or("nil") + "|" + text(r.wbTable) + "|" + text(r.permutations));
-  }
   return out;
 }
 
 std::map<std::string, std::string> snapshot(const fs::path& root) {
   std::map<std::string, std::string> out;
-  for (const auto& e : fs::recursive_directory_iterator(root)) {
+  for (const auto& e : fs::recursive_directory_iterator(root))
     out[e.path().string()] = e.is_directory() ? "<dir>" : readFile(e.path());
-  }
   return out;
 }
 

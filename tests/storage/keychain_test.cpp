@@ -69,19 +69,24 @@ TEST_P(KeychainTest, AbsentArgumentsWidenDeletes) {
   for (const auto& c : cases) {
     KeychainRig rig(GetParam());
     Keychain& k = *rig.keychain;
-    for (std::string a : {"a1", "a2"})
-      for (std::string s : {"s1", "s2"})
+    for (std::string a : {"a1", "a2"}) {
+      for (std::string s : {"s1", "s2"}) {
         ASSERT_EQ(k.insertGenericPasswordWithAccount(a, s, s == "s1" ? "g1" : "g2", secret(a)),
                   StoreStatus::ok);
+      }
+    }
     ASSERT_EQ(k.insertGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt,
                                                  secret("last")),
               StoreStatus::ok);
     EXPECT_EQ(k.deleteGenericPasswordWithAccount(c.account, c.service, c.generic), c.result);
     std::set<std::string> left;
-    for (std::string a : {"a1", "a2"})
-      for (std::string s : {"s1", "s2"})
-        if (shown(k.findGenericPasswordWithAccount(a, s, std::nullopt)) != "-")
+    for (std::string a : {"a1", "a2"}) {
+      for (std::string s : {"s1", "s2"}) {
+        if (shown(k.findGenericPasswordWithAccount(a, s, std::nullopt)) != "-") {
           left.insert(a + "/" + s);
+        }
+      }
+    }
     EXPECT_EQ(left, c.left) << c.account.value_or("*") << c.generic.value_or("*");
     EXPECT_EQ(
         shown(k.findGenericPasswordWithAccount("a1", "AUTHNR.last_patternlock", std::nullopt)),
