@@ -1,12 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -28,9 +26,6 @@ using testing::modeOf;
 using testing::TempDir;
 namespace fs = std::filesystem;
 
-std::vector<uint8_t> bytes(std::string_view text) {
-  return {text.begin(), text.end()};
-}
 SecretBytes secret(std::string_view text) {
   return SecretBytes::fromText(text);
 }
@@ -38,14 +33,17 @@ SecretBytes secret(std::string_view text) {
 ItemAttributes item(std::optional<std::string> account, std::optional<std::string> service,
                     std::optional<std::string> generic = std::nullopt,
                     std::optional<std::string> group = "G", std::string_view label = "L") {
-  ItemAttributes a;
-  a.account = std::move(account);
-  a.service = std::move(service);
-  a.generic = std::move(generic);
-  a.label = bytes(label);
-  a.accessGroup = std::move(group);
-  a.accessibility = "WhenPasscodeSetThisDeviceOnly";
-  return a;
+  return {std::move(account), std::move(service), std::move(generic),
+          toBytes(label),     std::move(group),   "WhenPasscodeSetThisDeviceOnly"};
+}
+
+// A read's outcome as text: the value, "-" when nothing matched, "error" when the store failed.
+std::string shown(ItemStore& store, const ItemQuery& query) {
+  SecretBytes value;
+  const StoreStatus status = store.findFirst(query, &value);
+  return status == StoreStatus::ok         ? std::string(value.exposeSecretText())
+         : status == StoreStatus::notFound ? "-"
+                                           : "error";
 }
 
 class ItemStoreContract : public ::testing::Test {
@@ -56,16 +54,7 @@ class ItemStoreContract : public ::testing::Test {
     store_ = SqliteItemStore::open(dir_.path() / "items.sqlite", options, nullptr);
     ASSERT_NE(store_, nullptr);
   }
-  std::optional<std::string> find(const ItemQuery& query) {
-    SecretBytes value;
-    if (store_->findFirst(query, &value) != StoreStatus::ok) return std::nullopt;
-    return std::string(value.exposeSecretText());
-  }
-  std::vector<std::string> services(const ItemQuery& query) {
-    std::vector<std::string> out;
-    EXPECT_NE(store_->listServices(query, &out), StoreStatus::storeError);
-    return out;
-  }
+  std::string find(const ItemQuery& query) { return shown(*store_, query); }
   std::vector<std::string> accounts(const ItemQuery& query) {
     std::vector<std::string> out;
     EXPECT_NE(store_->listAccounts(query, &out), StoreStatus::storeError);
@@ -111,7 +100,7 @@ TEST_F(ItemStoreContract, UpdateAndUpsertReplaceValues) {
   EXPECT_EQ(find(item("b", "s", "g").asQuery()), "w1");
 
   // An absent attribute widens an update to every match.
-  EXPECT_EQ(store_->update({std::nullopt, "s", "g", bytes("L"), "G"}, secret("all")),
+  EXPECT_EQ(store_->update({std::nullopt, "s", "g", toBytes("L"), "G"}, secret("all")),
             StoreStatus::ok);
   EXPECT_EQ(find(item("a", "s", "g").asQuery()), "all");
   EXPECT_EQ(find(item("b", "s", "g").asQuery()), "all");
@@ -140,7 +129,9 @@ TEST_F(ItemStoreContract, ListingsAreNewestFirstWithTiesInInsertionOrder) {
   ASSERT_EQ(store_->add(item("a7", std::nullopt, "g"), secret("v")), StoreStatus::ok);
 
   using List = std::vector<std::string>;
-  EXPECT_EQ(services({}), (List{"s6", "s5", "s3", "s2", "s1", "s4"}));
+  List listed;
+  EXPECT_EQ(store_->listServices({}, &listed), StoreStatus::ok);
+  EXPECT_EQ(listed, (List{"s6", "s5", "s3", "s2", "s1", "s4"}));
   EXPECT_EQ(accounts({}), (List{"a7", "a5", "a3", "a2", "a1", "a4"}));
 
   std::vector<std::string> untouched{"keep"};
@@ -157,10 +148,10 @@ TEST_F(ItemStoreContract, RemoveWidensOverAbsentAttributes) {
     size_t removed;
   };
   const Case cases[] = {
-      {"one item", {"a1", "s1", "gen-a1", bytes("L1"), "G1"}, 1},
+      {"one item", {"a1", "s1", "gen-a1", toBytes("L1"), "G1"}, 1},
       {"one account", {"a1", std::nullopt, std::nullopt, std::nullopt, std::nullopt}, 4},
       {"one service", {std::nullopt, "s1", std::nullopt, std::nullopt, std::nullopt}, 4},
-      {"label across groups", {.label = bytes("L1")}, 4},
+      {"label across groups", {.label = toBytes("L1")}, 4},
       {"everything", {}, 8},
   };
   for (const Case& c : cases) {
@@ -210,13 +201,7 @@ TEST_P(ItemStoreNames, CaseAndWildcardsNeverWidenAMatch) {
       expected[{a, s}] = a + "|" + s;
     }
   }
-  const auto find = [this](ItemQuery query) -> std::string {
-    SecretBytes value;
-    const StoreStatus status = store_->findFirst(query, &value);
-    return status == StoreStatus::ok         ? std::string(value.exposeSecretText())
-           : status == StoreStatus::notFound ? "-"
-                                             : "error";
-  };
+  const auto find = [this](const ItemQuery& query) { return shown(*store_, query); };
   const auto checkAll = [&] {
     for (const std::string& a : accounts) {
       for (const std::string& s : services) {
@@ -245,24 +230,16 @@ TEST_P(ItemStoreNames, CaseAndWildcardsNeverWidenAMatch) {
   }
 
   // Lookalikes: other case, and texts that a LIKE pattern or an escape would match.
-  const std::vector<ItemQuery> lookalikes = {
-      {.account = "ALICE"},
-      {.account = "alicE"},
-      {.account = "_lice"},
-      {.account = "a%ice"},
-      {.account = "a\\_ice"},
-      {.account = "a"},
-      {.account = "%%"},
-      {.account = "a\\\\%"},
-      {.service = "Svc"},
-      {.service = "s__"},
-      {.service = "s"},
-      {.service = "%"},
-      {.account = "Alice", .service = "Svc"},
-      {.account = "_", .service = "_"},
-  };
-  for (const ItemQuery& query : lookalikes) {
-    SCOPED_TRACE(query.account.value_or("*") + "|" + query.service.value_or("*"));
+  const std::pair<const char*, const char*> lookalikes[] = {
+      {"ALICE", nullptr},   {"alicE", nullptr}, {"_lice", nullptr}, {"a%ice", nullptr},
+      {"a\\_ice", nullptr}, {"a", nullptr},     {"%%", nullptr},    {"a\\\\%", nullptr},
+      {nullptr, "Svc"},     {nullptr, "s__"},   {nullptr, "s"},     {nullptr, "%"},
+      {"Alice", "Svc"},     {"_", "_"}};
+  for (const auto& [account, service] : lookalikes) {
+    SCOPED_TRACE(std::string(account ? account : "*") + "|" + (service ? service : "*"));
+    ItemQuery query;
+    if (account) query.account = account;
+    if (service) query.service = service;
     List listed{"keep"};
     EXPECT_EQ(store_->findFirst(query, nullptr), StoreStatus::notFound);
     EXPECT_EQ(store_->listServices(query, &listed), StoreStatus::notFound);
@@ -299,11 +276,8 @@ TEST_P(ItemStoreNames, CaseAndWildcardsNeverWidenAMatch) {
 // was; a duplicate inside it is an answer, not a failure; transactions do not nest.
 TEST_P(ItemStoreNames, TransactionsLandWholeOrNotAtAll) {
   ASSERT_EQ(store_->add(item("a", "s"), secret("1")), StoreStatus::ok);
-  const auto value = [this](std::string account) -> std::string {
-    SecretBytes found;
-    const StoreStatus status = store_->findFirst(item(account, "s").asQuery(), &found);
-    if (status == StoreStatus::notFound) return "-";
-    return status == StoreStatus::ok ? std::string(found.exposeSecretText()) : "error";
+  const auto value = [this](std::string account) {
+    return shown(*store_, item(account, "s").asQuery());
   };
   const auto state = [&] { return value("a") + value("b") + value("c"); };
 
@@ -363,25 +337,24 @@ TEST(SqliteItemStoreTest, SharedConnectionWritesJoinOneCommit) {
   ASSERT_TRUE(store && independent);
   std::unique_ptr<SqliteItemStore> shared = store->shareConnection(std::nullopt);
   ASSERT_NE(shared, nullptr);
-  const auto seen = [](ItemStore& by, std::string account) {
-    return by.findFirst(item(account, "s", std::nullopt, std::nullopt).asQuery(), nullptr);
+  const auto row = [](std::string account) {
+    return item(account, "s", std::nullopt, std::nullopt);
+  };
+  const auto seen = [&](ItemStore& by, std::string account) {
+    return by.findFirst(row(account).asQuery(), nullptr);
   };
 
   ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
   EXPECT_EQ(shared->beginTransaction(), StoreStatus::storeError);  // the same transaction
-  EXPECT_EQ(shared->add(item("key", "s", std::nullopt, std::nullopt), secret("k")),
-            StoreStatus::ok);
+  EXPECT_EQ(shared->add(row("key"), secret("k")), StoreStatus::ok);
   store->rollbackTransaction();
   EXPECT_EQ(seen(*store, "key"), StoreStatus::notFound);
 
   const uint64_t syncs = SqliteItemStore::syncCount();
   ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
-  EXPECT_EQ(shared->add(item("key", "s", std::nullopt, std::nullopt), secret("k")),
-            StoreStatus::ok);
-  EXPECT_EQ(store->upsert(item("record", "s", std::nullopt, std::nullopt), secret("r")),
-            StoreStatus::ok);
-  EXPECT_EQ(store->upsert(item("other", "s", std::nullopt, std::nullopt), secret("o")),
-            StoreStatus::ok);
+  EXPECT_EQ(shared->add(row("key"), secret("k")), StoreStatus::ok);
+  EXPECT_EQ(store->upsert(row("record"), secret("r")), StoreStatus::ok);
+  EXPECT_EQ(store->upsert(row("other"), secret("o")), StoreStatus::ok);
   EXPECT_EQ(seen(*independent, "key"), StoreStatus::notFound);
   EXPECT_EQ(seen(*independent, "record"), StoreStatus::notFound);
   EXPECT_EQ(store->commitTransaction(), StoreStatus::ok);
@@ -391,8 +364,7 @@ TEST(SqliteItemStoreTest, SharedConnectionWritesJoinOneCommit) {
 
   independent.reset();  // a reader would keep the log from being emptied
   ASSERT_EQ(store->beginTransaction(), StoreStatus::ok);
-  EXPECT_EQ(shared->remove(item("key", "s", std::nullopt, std::nullopt).asQuery()),
-            StoreStatus::ok);
+  EXPECT_EQ(shared->remove(row("key").asQuery()), StoreStatus::ok);
   EXPECT_GT(fs::file_size(dir.path() / "items.sqlite-wal"), 0u);
   EXPECT_EQ(store->commitTransaction(), StoreStatus::ok);
   EXPECT_EQ(fs::file_size(dir.path() / "items.sqlite-wal"), 0u);
