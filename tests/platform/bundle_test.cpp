@@ -12,10 +12,11 @@ namespace fs = std::filesystem;
 using testing::writeFile;
 using Entries = std::map<std::string, std::string, std::less<>>;
 
-// UTF-16LE with a byte-order mark, from ASCII text.
-Bytes utf16le(std::string_view ascii) {
+// UTF-16LE with a byte-order mark, from ASCII text, then `tail` as it is.
+Bytes utf16le(std::string_view ascii, std::string_view tail = "") {
   Bytes out{0xFF, 0xFE};
   for (char c : ascii) out.insert(out.end(), {static_cast<uint8_t>(c), 0});
+  out.insert(out.end(), tail.begin(), tail.end());
   return out;
 }
 
@@ -44,13 +45,7 @@ TEST(StringsTableTest, KnownAnswers) {
       {toBytes(R"("a"="1"; "b"="\UD83D x";)"), {{"a", "1"}}, false},
       {toBytes(R"("a"="1"; "b"="\U0000";)"), {{"a", "1"}}, false},
       {toBytes("\"a\"=\"1\"; \"b\"=\"\xC0\xAF\";"), {{"a", "1"}}, false},
-      {[] {
-         Bytes b = utf16le(R"("a"="1";)");
-         b.push_back('x');
-         return b;
-       }(),
-       {{"a", "1"}},
-       false},
+      {utf16le(R"("a"="1";)", "x"), {{"a", "1"}}, false},
   };
   for (const Case& c : cases) {
     StringsTable table = parseStringsTable(c.data);
@@ -152,13 +147,12 @@ TEST_F(BundleDirectoryTest, InfoStringsAndResources) {
 }
 
 TEST_F(BundleDirectoryTest, OpenFailures) {
-  Error error;
-  EXPECT_EQ(BundleDirectory::open(dir.path() / "absent", {}, &error), nullptr);
-  EXPECT_FALSE(error.localizedDescription().empty());
-  writeFile(dir.path() / "Info.plist", "<plist><dict><key>a</key>");
-  error = Error();
-  EXPECT_EQ(BundleDirectory::open(dir.path(), {}, &error), nullptr);
-  EXPECT_FALSE(error.localizedDescription().empty());
+  writeFile(dir.path() / "damaged" / "Info.plist", "<plist><dict><key>a</key>");
+  for (const char* name : {"absent", "damaged"}) {
+    Error error;
+    EXPECT_EQ(BundleDirectory::open(dir.path() / name, {}, &error), nullptr) << name;
+    EXPECT_FALSE(error.localizedDescription().empty()) << name;
+  }
 }
 
 }  // namespace

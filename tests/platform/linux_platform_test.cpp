@@ -37,6 +37,10 @@ struct LinuxRig {
     options.durableWrites = false;
     options.teamId = "ABCDE12345";
   }
+  void caFile(std::string_view text) {
+    writeFile(dir.path() / "ca.pem", text);
+    options.extraCaFile = dir.path() / "ca.pem";
+  }
   testing::TempDir dir;
   linux_platform::LinuxPlatformOptions options;
 };
@@ -47,9 +51,7 @@ TEST(LinuxPlatformTest, PortsPersistPrivately) {
   // Two CAs in one file; the platform reads both (the HTTP client's tests use them).
   testing::TestCa("First CA").writePem(rig.dir.path() / "ca1.pem");
   testing::TestCa("Second CA").writePem(rig.dir.path() / "ca2.pem");
-  writeFile(rig.dir.path() / "cas.pem",
-            readFile(rig.dir.path() / "ca1.pem") + readFile(rig.dir.path() / "ca2.pem"));
-  rig.options.extraCaFile = rig.dir.path() / "cas.pem";
+  rig.caFile(readFile(rig.dir.path() / "ca1.pem") + readFile(rig.dir.path() / "ca2.pem"));
   for (int round = 0; round < 2; ++round) {
     Error error;
     std::optional<Platform> p = linux_platform::makePlatform(rig.options, &error);
@@ -89,20 +91,12 @@ TEST(LinuxPlatformTest, BadOptionsGiveAnErrorAndNoPlatform) {
       [](LinuxRig& r) { r.options.teamId = "AB.CD"; },
       [](LinuxRig& r) { r.options.teamId.clear(); },
       [](LinuxRig& r) { r.options.extraCaFile = r.dir.path() / "missing.pem"; },
-      [](LinuxRig& r) {
-        writeFile(r.dir.path() / "ca.pem", "-----BEGIN CERTIFICATE-----\nAAAA\n");
-        r.options.extraCaFile = r.dir.path() / "ca.pem";
-      },
-      [](LinuxRig& r) {
-        writeFile(r.dir.path() / "ca.pem", "no certificate here\n");
-        r.options.extraCaFile = r.dir.path() / "ca.pem";
-      },
+      [](LinuxRig& r) { r.caFile("-----BEGIN CERTIFICATE-----\nAAAA\n"); },
+      [](LinuxRig& r) { r.caFile("no certificate here\n"); },
       // A good certificate followed by a damaged one.
       [](LinuxRig& r) {
         testing::TestCa("Test CA").writePem(r.dir.path() / "good.pem");
-        writeFile(r.dir.path() / "ca.pem",
-                  readFile(r.dir.path() / "good.pem") + "-----BEGIN CERTIFICATE-----\nAAAA\n");
-        r.options.extraCaFile = r.dir.path() / "ca.pem";
+        r.caFile(readFile(r.dir.path() / "good.pem") + "-----BEGIN CERTIFICATE-----\nAAAA\n");
       },
   };
   for (Spoil spoil : cases) {
