@@ -12,9 +12,7 @@ namespace {
 
 using gf128::Backend;
 
-Bytes hex(std::string_view text) {
-  return Utils::hexString2NSData(text);
-}
+constexpr auto hex = &Utils::hexString2NSData;
 
 Bytes randomBytes(std::mt19937& rng, size_t n) {
   Bytes out(n);

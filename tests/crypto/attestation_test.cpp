@@ -8,8 +8,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -17,22 +15,18 @@
 #include "crypto/aes_wb_helper.h"
 #include "crypto/attestation_material.h"
 #include "crypto/openssl_handles.h"
+#include "test_files.h"
 #include "test_support.h"
 
 namespace corvane {
 namespace {
 
+using testing::readFile;
+
 const std::filesystem::path kMaterialDir = testing::resourcesDir() / "attestation";
 
-std::string readText(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 X509Ptr readCertificate(const std::filesystem::path& path) {
-  const std::string pem = readText(path);
+  const std::string pem = readFile(path);
   BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   return X509Ptr(bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr);
 }
@@ -72,7 +66,7 @@ void expectConsistentMaterial(std::string_view keyHex, X509* root, X509* leaf) {
 TEST(Attestation, CommittedMaterialIsConsistent) {
   X509Ptr root = readCertificate(kMaterialDir / "root.pem");
   X509Ptr leaf = readCertificate(kMaterialDir / "attestation.pem");
-  std::string keyHex = readText(kMaterialDir / "attestation_key.hex");
+  std::string keyHex = readFile(kMaterialDir / "attestation_key.hex");
   ASSERT_FALSE(keyHex.empty());
   keyHex.pop_back();
   expectConsistentMaterial(keyHex, root.get(), leaf.get());
@@ -108,14 +102,13 @@ TEST(Attestation, WbgenMakesFreshConsistentMaterial) {
   const std::filesystem::path out = dir.path() / "new";
   ASSERT_EQ(runWbgen("attestation --out-dir " + out.string()), 0);
   X509Ptr leaf = readCertificate(out / "attestation.pem");
-  std::string keyHex = readText(out / "attestation_key.hex");
+  std::string keyHex = readFile(out / "attestation_key.hex");
   ASSERT_EQ(keyHex.size(), 195u);
   keyHex.pop_back();
   expectConsistentMaterial(keyHex, readCertificate(out / "root.pem").get(), leaf.get());
   EXPECT_FALSE(chainVerifies(readCertificate(kMaterialDir / "root.pem").get(), leaf.get()));
-  size_t files = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(out)) ++files;
-  EXPECT_EQ(files, 3u);  // the root's private key is not written
+  // The root's private key is not written.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(out), {}), 3);
   EXPECT_EQ(runWbgen("attestation --out-dir"), 2);
 }
 #endif

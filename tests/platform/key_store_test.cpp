@@ -19,13 +19,9 @@ using testing::TempDir;
 using testing::verifies;
 namespace fs = std::filesystem;
 
-std::vector<uint8_t> bytes(std::string_view text) {
-  return {text.begin(), text.end()};
-}
-
 ItemQuery recordQuery(std::string_view tag) {
   return {std::string(tag), std::string(OpenSslKeyStore::kService), std::nullopt,
-          bytes(OpenSslKeyStore::kItemLabel), std::nullopt};
+          toBytes(OpenSslKeyStore::kItemLabel), std::nullopt};
 }
 
 class OpenSslKeyStoreTest : public ::testing::Test {
@@ -56,7 +52,7 @@ TEST_F(OpenSslKeyStoreTest, PublicKeyIsP256SpkiAndSignaturesVerify) {
 }
 
 TEST_F(OpenSslKeyStoreTest, TamperedRecordsFailToSign) {
-  KeyAttributes attributes{bytes("label"), bytes("app-label"), "group"};
+  KeyAttributes attributes{toBytes("label"), toBytes("app-label"), "group"};
   ASSERT_EQ(keys_.generate("tag", attributes, nullptr), StoreStatus::ok);
   ASSERT_EQ(keys_.generate("other", attributes, nullptr), StoreStatus::ok);
   SecretBytes good, otherRecord;
@@ -68,22 +64,22 @@ TEST_F(OpenSslKeyStoreTest, TamperedRecordsFailToSign) {
     std::vector<uint8_t> flipped = original;
     flipped[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
     ASSERT_EQ(items_->update(recordQuery("tag"), SecretBytes(flipped)), StoreStatus::ok);
-    ASSERT_EQ(keys_.sign("tag", bytes("m"), nullptr), StoreStatus::storeError) << "bit " << bit;
+    ASSERT_EQ(keys_.sign("tag", toBytes("m"), nullptr), StoreStatus::storeError) << "bit " << bit;
   }
   const std::vector<uint8_t> cut(original.begin(), original.end() - 1);
   ASSERT_EQ(items_->update(recordQuery("tag"), SecretBytes(cut)), StoreStatus::ok);
-  EXPECT_EQ(keys_.sign("tag", bytes("m"), nullptr), StoreStatus::storeError);
+  EXPECT_EQ(keys_.sign("tag", toBytes("m"), nullptr), StoreStatus::storeError);
   // A valid record of another tag does not open under this one.
   ASSERT_EQ(items_->update(recordQuery("tag"), otherRecord), StoreStatus::ok);
-  EXPECT_EQ(keys_.sign("tag", bytes("m"), nullptr), StoreStatus::storeError);
+  EXPECT_EQ(keys_.sign("tag", toBytes("m"), nullptr), StoreStatus::storeError);
 
   ASSERT_EQ(items_->update(recordQuery("tag"), good), StoreStatus::ok);
-  EXPECT_EQ(keys_.sign("tag", bytes("m"), nullptr), StoreStatus::ok);
+  EXPECT_EQ(keys_.sign("tag", toBytes("m"), nullptr), StoreStatus::ok);
 }
 
 // Kept keys follow the stored record, whatever changes it behind the key store's back.
 TEST_F(OpenSslKeyStoreTest, KeptKeysNeverOutliveTheirRecord) {
-  const std::vector<uint8_t> message = bytes("challenge");
+  const std::vector<uint8_t> message = toBytes("challenge");
   std::vector<uint8_t> first, second, third, signature;
   ASSERT_EQ(keys_.generate("tag", {}, &first), StoreStatus::ok);
   SecretBytes firstRecord;
@@ -107,14 +103,14 @@ TEST_F(OpenSslKeyStoreTest, KeptKeysNeverOutliveTheirRecord) {
 }
 
 TEST_F(OpenSslKeyStoreTest, RemoveMatchesAttributesAsWritten) {
-  ASSERT_EQ(keys_.generate("k1", {std::nullopt, bytes("lib"), "G"}, nullptr), StoreStatus::ok);
-  ASSERT_EQ(keys_.generate("k2", {std::nullopt, bytes("lib"), "H"}, nullptr), StoreStatus::ok);
-  ASSERT_EQ(keys_.generate("k3", {bytes("lib"), std::nullopt, "G"}, nullptr), StoreStatus::ok);
+  ASSERT_EQ(keys_.generate("k1", {std::nullopt, toBytes("lib"), "G"}, nullptr), StoreStatus::ok);
+  ASSERT_EQ(keys_.generate("k2", {std::nullopt, toBytes("lib"), "H"}, nullptr), StoreStatus::ok);
+  ASSERT_EQ(keys_.generate("k3", {toBytes("lib"), std::nullopt, "G"}, nullptr), StoreStatus::ok);
   ASSERT_EQ(keys_.generate("k4", {}, nullptr), StoreStatus::ok);
   auto present = [this] {
     std::vector<std::string> tags;
     for (const char* tag : {"k1", "k2", "k3", "k4"}) {
-      if (keys_.sign(tag, bytes("m"), nullptr) == StoreStatus::ok) tags.push_back(tag);
+      if (keys_.sign(tag, toBytes("m"), nullptr) == StoreStatus::ok) tags.push_back(tag);
     }
     return tags;
   };
@@ -122,11 +118,11 @@ TEST_F(OpenSslKeyStoreTest, RemoveMatchesAttributesAsWritten) {
   // A key whose label attribute was never set is not found by label.
   EXPECT_EQ(keys_.remove({std::nullopt, std::nullopt, std::nullopt, "nope"}),
             StoreStatus::notFound);
-  EXPECT_EQ(keys_.remove({std::nullopt, bytes("lib"), std::nullopt, "H"}), StoreStatus::notFound);
-  EXPECT_EQ(keys_.remove({std::nullopt, std::nullopt, bytes("lib"), "G"}), StoreStatus::ok);
+  EXPECT_EQ(keys_.remove({std::nullopt, toBytes("lib"), std::nullopt, "H"}), StoreStatus::notFound);
+  EXPECT_EQ(keys_.remove({std::nullopt, std::nullopt, toBytes("lib"), "G"}), StoreStatus::ok);
   EXPECT_EQ(present(), (Tags{"k2", "k3", "k4"}));
-  EXPECT_EQ(keys_.remove({.tag = "k2", .applicationLabel = bytes("lib")}), StoreStatus::ok);
-  EXPECT_EQ(keys_.remove({std::nullopt, bytes("lib"), std::nullopt, "G"}), StoreStatus::ok);
+  EXPECT_EQ(keys_.remove({.tag = "k2", .applicationLabel = toBytes("lib")}), StoreStatus::ok);
+  EXPECT_EQ(keys_.remove({std::nullopt, toBytes("lib"), std::nullopt, "G"}), StoreStatus::ok);
   EXPECT_EQ(present(), Tags{"k4"});
   EXPECT_EQ(keys_.remove({}), StoreStatus::ok);
   EXPECT_EQ(present(), Tags{});

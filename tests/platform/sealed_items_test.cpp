@@ -22,6 +22,7 @@ namespace {
 namespace fs = std::filesystem;
 using linux_platform::SqliteItemStore;
 using testing::readFile;
+using testing::secret;
 using testing::TempDir;
 using testing::writeFile;
 
@@ -98,21 +99,20 @@ TEST(SealedItemsTest, NoSecretValueReachesTheStoreFiles) {
     const std::string name(user);
     ASSERT_EQ(keychain.insertGenericPasswordWithAccount(
                   hash + ".0F3D#0002", "ASMKH.data.k", "ASMKH.data." + hash,
-                  SecretBytes::fromText(name == "alice" ? distinctive[5] : distinctive[1])),
+                  secret(name == "alice" ? distinctive[5] : distinctive[1])),
               StoreStatus::ok);
     ASSERT_EQ(keychain.insertGenericPasswordWithAccount(
                   hash, "ASM.reg", std::nullopt,
-                  SecretBytes::fromText(name == "alice" ? distinctive[3] : distinctive[4])),
+                  secret(name == "alice" ? distinctive[3] : distinctive[4])),
               StoreStatus::ok);
   }
-  ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount(
-                "ASMToken", "ASM.token", std::nullopt, SecretBytes::fromText(distinctive[2])),
+  ASSERT_EQ(keychain.insertOrUpdateGenericPasswordWithAccount("ASMToken", "ASM.token", std::nullopt,
+                                                              secret(distinctive[2])),
             StoreStatus::ok);
   // Replacing a value must not leave the old one behind either.
   const std::string aliceHash = Utils::sha256("alice");
   ASSERT_EQ(keychain.updateGenericPasswordWithAccount(aliceHash + ".0F3D#0002", "ASMKH.data.k",
-                                                      std::nullopt,
-                                                      SecretBytes::fromText(distinctive[0])),
+                                                      std::nullopt, secret(distinctive[0])),
             StoreStatus::ok);
 
   // Everything the library can read back: sealed patterns, the pattern key, key handles, token.
@@ -171,12 +171,7 @@ struct Database {
 
 ItemAttributes item(std::optional<std::string> account, std::optional<std::string> service,
                     std::optional<std::string> group) {
-  ItemAttributes a;
-  a.account = std::move(account);
-  a.service = std::move(service);
-  a.accessGroup = std::move(group);
-  a.label = toBytes("L");
-  return a;
+  return {std::move(account), std::move(service), std::nullopt, toBytes("L"), std::move(group)};
 }
 
 // A value copied by hand into another row does not open there: the store fails, it never answers
@@ -200,12 +195,12 @@ TEST(SealedItemsTest, AValueMovedToAnotherRowFailsToOpen) {
       // Fields that would read the same if their texts were simply joined.
       {"account and service shifted", item("acc", "tsvc", "G")},
   };
-  ASSERT_EQ(store->add(source, SecretBytes::fromText("the source value")), StoreStatus::ok);
+  ASSERT_EQ(store->add(source, secret("the source value")), StoreStatus::ok);
   // Each target is found by a generic of its own, since an absent attribute widens a query.
   for (const auto& target : targets) {
     ItemAttributes added = target.target;
     added.generic = target.what;
-    ASSERT_EQ(store->add(added, SecretBytes::fromText("target")), StoreStatus::ok) << target.what;
+    ASSERT_EQ(store->add(added, secret("target")), StoreStatus::ok) << target.what;
   }
   Database db(file);
   db.exec(
@@ -213,7 +208,7 @@ TEST(SealedItemsTest, AValueMovedToAnotherRowFailsToOpen) {
       "service = 'svc' AND access_group = 'G') WHERE NOT (account IS 'acct' AND service IS "
       "'svc' AND access_group IS 'G')");
   for (const auto& target : targets) {
-    SecretBytes value = SecretBytes::fromText("untouched");
+    SecretBytes value = secret("untouched");
     EXPECT_EQ(store->findFirst({.generic = target.what}, &value), StoreStatus::storeError)
         << target.what;
     EXPECT_EQ(value.exposeSecretText(), "untouched") << target.what;
