@@ -127,11 +127,12 @@ TEST(SealedItemsTest, NoSecretValueReachesTheStoreFiles) {
     ASSERT_TRUE(serialized);
     others.emplace_back(serialized->exposeSecretText());
   }
-  {
-    SCOPED_TRACE("after the writes");
-    EXPECT_GT(fs::file_size(*options.dataDirectory / "items.sqlite-wal"), 0u);
+  const auto expectSealedFiles = [&](const char* when, bool logEmpty) {
+    SCOPED_TRACE(when);
+    EXPECT_EQ(fs::file_size(*options.dataDirectory / "items.sqlite-wal") == 0, logEmpty);
     expectNoSecretInFiles(*options.dataDirectory, distinctive, others);
-  }
+  };
+  expectSealedFiles("after the writes", false);
 
   // Deregistration-like deletes: bob's records, key and pattern, and the token.
   const std::string bobHash = Utils::sha256("bob");
@@ -142,11 +143,7 @@ TEST(SealedItemsTest, NoSecretValueReachesTheStoreFiles) {
             StoreStatus::ok);
   EXPECT_EQ(keychain.deleteGenericPasswordWithAccount("ASMToken", "ASM.token", std::nullopt),
             StoreStatus::ok);
-  {
-    SCOPED_TRACE("after the deletes");
-    EXPECT_EQ(fs::file_size(*options.dataDirectory / "items.sqlite-wal"), 0u);
-    expectNoSecretInFiles(*options.dataDirectory, distinctive, others);
-  }
+  expectSealedFiles("after the deletes", true);
   // What is left still opens.
   EXPECT_EQ(testing::shown(keychain.findGenericPasswordWithAccount(aliceHash + ".0F3D#0002",
                                                                    "ASMKH.data.k", std::nullopt)),
