@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -94,14 +94,18 @@ Counts counts(const Rig& rig) {
           rig.legacy.requests()};
 }
 
-TEST(FacetTrustTest, FacetIdIsThePrefixAndTheBundleIdentifier) {
-  testing::FakeHostBundle host;
-  testing::FakeHostBundle framework;
+// The host's configuration over fakes, and a fake client that makes no request.
+struct Offline {
+  testing::FakeHostBundle host, framework;
   testing::FakeUserDefaults defaults;
-  Configuration configuration(host, framework, defaults);
+  Configuration configuration{host, framework, defaults};
   testing::FakeHttpClient http;
-  host.identifier = "com.Example.App-2";
-  EXPECT_EQ(FacetTrust(configuration, http).facetID(), "ios:bundle-id:com.Example.App-2");
+};
+
+TEST(FacetTrustTest, FacetIdIsThePrefixAndTheBundleIdentifier) {
+  Offline o;
+  o.host.identifier = "com.Example.App-2";
+  EXPECT_EQ(FacetTrust(o.configuration, o.http).facetID(), "ios:bundle-id:com.Example.App-2");
 }
 
 // The redirect rule alone: the header's value is read as a loose boolean; the target must be
@@ -140,20 +144,16 @@ TEST(FacetTrustTest, RedirectRule) {
 
 // A transport failure is untrusted whatever the server would have sent.
 TEST(FacetTrustTest, TransportFailureIsUntrusted) {
-  testing::FakeHostBundle host;
-  testing::FakeHostBundle framework;
-  testing::FakeUserDefaults defaults;
-  Configuration configuration(host, framework, defaults);
-  testing::FakeHttpClient http;
+  Offline o;
   HttpClient::Response response;
   response.status = 200;
   response.body = kTrusting;
-  http.setResponse("https://a.example/facets", response);
-  const FacetTrust trust(configuration, http);
+  o.http.setResponse("https://a.example/facets", response);
+  const FacetTrust trust(o.configuration, o.http);
   EXPECT_TRUE(trust.checkTrustedFacetID("https://a.example/facets"));
-  http.failAll(true);
+  o.http.failAll(true);
   EXPECT_FALSE(trust.checkTrustedFacetID("https://a.example/facets"));
-  EXPECT_EQ(http.calls().size(), 2u);
+  EXPECT_EQ(o.http.calls().size(), 2u);
 }
 
 // Each row prepares the servers, names the appID and says what the check answers and which
@@ -165,188 +165,76 @@ TEST(FacetTrustTest, CheckAgainstLocalServers) {
               rig.legacy.running());
   ASSERT_EQ(rig.trust.facetID(), kFacet);
 
-  struct Row {
+  // Every path is distinct, so all the servers are set up before the first row.
+  TestHttpServer& https = rig.https;
+  for (const auto& [path, body] :
+       {std::pair{"/v10", kTrusting},
+        {"/v11", document({{1, 1, {kFacet}}, {1, 0, {"ios:bundle-id:x"}}})},
+        {"/case", document({{1, 0, {"ios:bundle-id:com.example.Host"}}})},
+        {"/long", kTrusting},
+        {"/target", kTrusting},
+        {"/mib", padded(1 << 20)},
+        {"/mib1", padded((1 << 20) + 1)},
+        {"/text", "trustedFacets " + std::string(kFacet)}}) {
+    https.serve(path, ok(body));
+  }
+  https.serve("/2mib", ok(padded(2 << 20), 200, true));
+  https.serve("/gone", ok(kTrusting, 404));
+  rig.plain.serve("/doc", ok(kTrusting));
+  rig.stranger.serve("/doc", ok(kTrusting));
+  rig.legacy.serve("/doc", ok(kTrusting));
+  https.redirect("/moved", "/target", "true");  // relative, resolved by the client
+  https.redirect("/bare", https.url("/target"), std::nullopt);
+  https.redirect("/no", https.url("/target"), "false");
+  https.redirect("/loop", "/loop", "true");
+  https.redirect("/down", rig.plain.url("/doc"), "true");
+  const std::string down = https.url("/down");
+  const std::string legacy = "https://127.0.0.1:" + std::to_string(rig.legacy.port()) + "/doc";
+  const std::string exactly512 = [&] {
+    std::string url = https.url("/long?pad=");
+    return url + std::string(512 - url.size(), 'a');
+  }();
+  const struct Row {
     const char* name;
-    std::function<std::string(Rig&)> prepare;  // returns the appID
+    std::string appID;
     bool devMode;
     bool trusted;
     Counts requests;
-  };
-  const std::string exactly512 = [&] {
-    std::string url = rig.https.url("/long?pad=");
-    return url + std::string(512 - url.size(), 'a');
-  }();
-  const Row rows[] = {
-      {"listed under 1.0",
-       [](Rig& r) {
-         r.https.serve("/v10", ok(kTrusting));
-         return r.https.url("/v10");
-       },
-       false,
-       true,
-       {1, 0, 0, 0}},
-      {"listed only under 1.1",
-       [](Rig& r) {
-         r.https.serve("/v11", ok(document({{1, 1, {kFacet}}, {1, 0, {"ios:bundle-id:x"}}})));
-         return r.https.url("/v11");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"listed with another case",
-       [](Rig& r) {
-         r.https.serve("/case", ok(document({{1, 0, {"ios:bundle-id:com.example.Host"}}})));
-         return r.https.url("/case");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"appID of 512 characters",
-       [&](Rig& r) {
-         r.https.serve("/long", ok(kTrusting));
-         return exactly512;
-       },
-       false,
-       true,
-       {1, 0, 0, 0}},
-      {"appID of 513 characters",
-       [&](Rig&) { return exactly512 + "a"; },
-       false,
-       false,
-       {0, 0, 0, 0}},
-      {"http appID",
-       [](Rig& r) {
-         r.plain.serve("/doc", ok(kTrusting));
-         return r.plain.url("/doc");
-       },
-       false,
-       false,
-       {0, 0, 0, 0}},
-      {"http appID in development mode",
-       [](Rig& r) { return r.plain.url("/doc"); },
-       true,
-       true,
-       {0, 1, 0, 0}},
-      {"302 authorised with \"true\"",
-       [](Rig& r) {
-         r.https.serve("/target", ok(kTrusting));
-         r.https.redirect("/moved", "/target", "true");  // relative, resolved by the client
-         return r.https.url("/moved");
-       },
-       false,
-       true,
-       {2, 0, 0, 0}},
-      {"302 without the header",
-       [](Rig& r) {
-         r.https.redirect("/bare", r.https.url("/target"), std::nullopt);
-         return r.https.url("/bare");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"302 with \"false\"",
-       [](Rig& r) {
-         r.https.redirect("/no", r.https.url("/target"), "false");
-         return r.https.url("/no");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"redirect loop",
-       [](Rig& r) {
-         r.https.redirect("/loop", "/loop", "true");
-         return r.https.url("/loop");
-       },
-       false,
-       false,
-       {6, 0, 0, 0}},
-      {"authorised redirect to http",
-       [](Rig& r) {
-         r.https.redirect("/down", r.plain.url("/doc"), "true");
-         return r.https.url("/down");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"authorised redirect to http in development mode",
-       [](Rig& r) { return r.https.url("/down"); },
-       true,
-       true,
-       {1, 1, 0, 0}},
-      {"certificate from an unknown CA",
-       [](Rig& r) {
-         r.stranger.serve("/doc", ok(kTrusting));
-         return r.stranger.url("/doc");
-       },
-       false,
-       false,
-       {0, 0, 0, 0}},
-      {"server limited to TLS 1.0 and 1.1",
-       [](Rig& r) {
-         r.legacy.serve("/doc", ok(kTrusting));
-         return "https://127.0.0.1:" + std::to_string(r.legacy.port()) + "/doc";
-       },
-       false,
-       false,
-       {0, 0, 0, 0}},
-      {"body of exactly 1 MiB",
-       [](Rig& r) {
-         r.https.serve("/mib", ok(padded(1 << 20)));
-         return r.https.url("/mib");
-       },
-       false,
-       true,
-       {1, 0, 0, 0}},
-      {"body of 1 MiB and one byte",
-       [](Rig& r) {
-         r.https.serve("/mib1", ok(padded((1 << 20) + 1)));
-         return r.https.url("/mib1");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"body of 2 MiB sent without a length",
-       [](Rig& r) {
-         r.https.serve("/2mib", ok(padded(2 << 20), 200, true));
-         return r.https.url("/2mib");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
-      {"404 carrying a valid document",
-       [](Rig& r) {
-         r.https.serve("/gone", ok(kTrusting, 404));
-         return r.https.url("/gone");
-       },
-       false,
-       true,
-       {1, 0, 0, 0}},
-      {"not JSON",
-       [](Rig& r) {
-         r.https.serve("/text", ok("trustedFacets " + std::string(kFacet)));
-         return r.https.url("/text");
-       },
-       false,
-       false,
-       {1, 0, 0, 0}},
+  } rows[] = {
+      {"listed under 1.0", https.url("/v10"), false, true, {1, 0, 0, 0}},
+      {"listed only under 1.1", https.url("/v11"), false, false, {1, 0, 0, 0}},
+      {"listed with another case", https.url("/case"), false, false, {1, 0, 0, 0}},
+      {"appID of 512 characters", exactly512, false, true, {1, 0, 0, 0}},
+      {"appID of 513 characters", exactly512 + "a", false, false, {0, 0, 0, 0}},
+      {"http appID", rig.plain.url("/doc"), false, false, {0, 0, 0, 0}},
+      {"http appID in development mode", rig.plain.url("/doc"), true, true, {0, 1, 0, 0}},
+      {"302 authorised with \"true\"", https.url("/moved"), false, true, {2, 0, 0, 0}},
+      {"302 without the header", https.url("/bare"), false, false, {1, 0, 0, 0}},
+      {"302 with \"false\"", https.url("/no"), false, false, {1, 0, 0, 0}},
+      {"redirect loop", https.url("/loop"), false, false, {6, 0, 0, 0}},
+      {"authorised redirect to http", down, false, false, {1, 0, 0, 0}},
+      {"authorised redirect to http in development mode", down, true, true, {1, 1, 0, 0}},
+      {"certificate from an unknown CA", rig.stranger.url("/doc"), false, false, {0, 0, 0, 0}},
+      {"server limited to TLS 1.0 and 1.1", legacy, false, false, {0, 0, 0, 0}},
+      {"body of exactly 1 MiB", https.url("/mib"), false, true, {1, 0, 0, 0}},
+      {"body of 1 MiB and one byte", https.url("/mib1"), false, false, {1, 0, 0, 0}},
+      {"body of 2 MiB sent without a length", https.url("/2mib"), false, false, {1, 0, 0, 0}},
+      {"404 carrying a valid document", https.url("/gone"), false, true, {1, 0, 0, 0}},
+      {"not JSON", https.url("/text"), false, false, {1, 0, 0, 0}},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     rig.setDevMode(row.devMode);
-    const std::string appID = row.prepare(rig);
     const Counts before = counts(rig);
-    EXPECT_EQ(rig.trust.checkTrustedFacetID(appID), row.trusted);
+    EXPECT_EQ(rig.trust.checkTrustedFacetID(row.appID), row.trusted);
     const Counts after = counts(rig);
     for (size_t i = 0; i < before.size(); ++i) {
       EXPECT_EQ(after[i] - before[i], row.requests[i]) << "server " << i;
     }
   }
   // The loop was cut after the initial request and five redirects, all to the same path.
-  std::vector<std::string> loopPaths;
-  for (const std::string& path : rig.https.paths()) {
-    if (path == "/loop") loopPaths.push_back(path);
-  }
-  EXPECT_EQ(loopPaths.size(), 6u);
+  const std::vector<std::string> paths = rig.https.paths();
+  EXPECT_EQ(std::count(paths.begin(), paths.end(), "/loop"), 6);
   // Every exchange had the 1 MiB cap and what was left of one 10-second time-out for the whole
   // fetch: the hops of the loop got less and less.
   std::vector<std::chrono::milliseconds> loopTimeouts;
@@ -359,17 +247,11 @@ TEST(FacetTrustTest, CheckAgainstLocalServers) {
   }
   ASSERT_EQ(loopTimeouts.size(), 6u);
   EXPECT_LT(loopTimeouts.back(), loopTimeouts.front());
-}
-
-// The refused legacy server does speak TLS 1.1 (so the refusal is about the version), and the
-// client refuses it even though its certificate comes from the trusted CA.
-TEST(FacetTrustTest, LegacyServerAnswersOnlyBelowTls12) {
-  testing::TestCa ca("Corvane Test CA");
-  TestHttpServer legacy(TestHttpServer::Kind::legacyTls, &ca);
-  ASSERT_TRUE(legacy.running());
-  EXPECT_EQ(testing::negotiatedTlsVersion(legacy.port(), TLS1_VERSION, TLS1_1_VERSION),
+  // The refused legacy server does speak TLS 1.1 (so the refusal is about the version), though
+  // its certificate comes from the trusted CA.
+  EXPECT_EQ(testing::negotiatedTlsVersion(rig.legacy.port(), TLS1_VERSION, TLS1_1_VERSION),
             TLS1_1_VERSION);
-  EXPECT_EQ(testing::negotiatedTlsVersion(legacy.port(), TLS1_2_VERSION, TLS1_3_VERSION),
+  EXPECT_EQ(testing::negotiatedTlsVersion(rig.legacy.port(), TLS1_2_VERSION, TLS1_3_VERSION),
             std::nullopt);
 }
 
