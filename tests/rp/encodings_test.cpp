@@ -4,17 +4,19 @@
 #include <openssl/core_names.h>
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 
 #include <nlohmann/json.hpp>
 
 #include "corvane-rp/core/verifier.h"
 #include "crypto/openssl_handles.h"
-#include "foundation/byte_io.h"
+#include "rp/rp_driver.h"
 
 namespace corvane::rp {
 namespace {
+
+using testing::certificate;
+using testing::der;
+using testing::pem;
 
 constexpr std::string_view kAaid = "ABCD#0001";
 constexpr std::string_view kAppID = "https://rp.example.test/facets.json";
@@ -51,34 +53,32 @@ Bytes rawPoint(EVP_PKEY* key) {
 }
 
 Bytes spki(EVP_PKEY* key) {
-  unsigned char* der = nullptr;
-  const int size = i2d_PUBKEY(key, &der);
-  Bytes out(der, der + size);
-  OPENSSL_free(der);
-  return out;
+  return der(key, i2d_PUBKEY);
 }
 
-std::string request(std::string_view op, std::string_view challenge) {
-  nlohmann::json message = {
-      {"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"appID", kAppID}}},
-      {"challenge", challenge},
-      {"policy", {{"accepted", {{{{"aaid", {kAaid}}}}}}}}};
+nlohmann::json header(std::string_view op) {
+  return {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"appID", kAppID}};
+}
+
+// Every request carries the challenge "c", and every response these fcParams.
+std::string request(std::string_view op) {
+  nlohmann::json message = {{"header", header(op)},
+                            {"challenge", "c"},
+                            {"policy", {{"accepted", {{{{"aaid", {kAaid}}}}}}}}};
   if (op == "Reg") message["username"] = "bob";
   return nlohmann::json::array({message}).dump();
 }
 
-std::string fcParamsFor(std::string_view challenge) {
-  const nlohmann::json params = {{"appID", kAppID},
-                                 {"challenge", challenge},
-                                 {"facetID", kAppID},
-                                 {"channelBinding", nlohmann::json::object()}};
-  return Utils::base64URLSafeStringFromData(asBytes(params.dump()));
-}
+const std::string kFcParams = Utils::base64URLSafeStringFromData(asBytes(nlohmann::json{
+    {"appID", kAppID},
+    {"challenge", "c"},
+    {"facetID", kAppID},
+    {"channelBinding", nlohmann::json::object()}}.dump()));
 
-std::string response(std::string_view op, const std::string& fcParams, ByteView assertion) {
+std::string response(std::string_view op, ByteView assertion) {
   const nlohmann::json message = {
-      {"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"appID", kAppID}}},
-      {"fcParams", fcParams},
+      {"header", header(op)},
+      {"fcParams", kFcParams},
       {"assertions",
        {{{"assertionScheme", "UAFV1TLV"},
          {"assertion", Utils::base64URLSafeStringFromData(assertion)}}}}};
@@ -91,109 +91,47 @@ struct Encoding {
   uint16_t signatureAlgorithm;
 };
 
-// A certificate for `subject` issued by `issuer` with `issuerKey` (self-signed when null).
-X509Ptr certificate(EVP_PKEY* subject, const char* name, EVP_PKEY* issuerKey, X509* issuer,
-                    bool ca) {
-  X509Ptr cert(X509_new());
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
-  X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
-  X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer ? issuer : cert.get()));
-  X509_set_pubkey(cert.get(), subject);
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, issuer ? issuer : cert.get(), cert.get(), nullptr, nullptr, 0);
-  X509ExtensionPtr constraints(X509V3_EXT_conf_nid(nullptr, &context, NID_basic_constraints,
-                                                   ca ? "critical,CA:TRUE" : "CA:FALSE"));
-  X509_add_ext(cert.get(), constraints.get(), -1);
-  X509_sign(cert.get(), issuerKey, EVP_sha256());
-  return cert;
+// A TLV element (tag and length little-endian, then the value), and values laid end to end.
+Bytes tlv(uint16_t tag, ByteView value) {
+  Bytes out = {static_cast<uint8_t>(tag), static_cast<uint8_t>(tag >> 8),
+               static_cast<uint8_t>(value.size()), static_cast<uint8_t>(value.size() >> 8)};
+  out.insert(out.end(), value.begin(), value.end());
+  return out;
 }
-
-Bytes der(X509* cert) {
-  unsigned char* out = nullptr;
-  const int size = i2d_X509(cert, &out);
-  Bytes bytes(out, out + size);
-  OPENSSL_free(out);
-  return bytes;
-}
-
-std::string pem(X509* cert) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), cert);
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
+Bytes cat(std::initializer_list<ByteView> parts) {
+  Bytes out;
+  for (ByteView part : parts) out.insert(out.end(), part.begin(), part.end());
+  return out;
 }
 
 class ForeignAuthenticator {
  public:
   explicit ForeignAuthenticator(Encoding encoding) : encoding_(encoding) {}
 
-  Bytes registration(const std::string& fcParams, ByteView publicKey) {
-    ByteWriter krd;
-    {
-      ByteWriter::Element e = krd.openElement(0x3E03);
-      krd.addElement(0x2E0B, asBytes(kAaid));
-      ByteWriter info;
-      info.addU16(1);
-      info.addU8(1);
-      info.addU16(encoding_.signatureAlgorithm);
-      info.addU16(encoding_.keyAlgorithm);
-      krd.addElement(0x2E0E, info.bytes());
-      krd.addElement(0x2E0A, Utils::sha256BackData(fcParams));
-      krd.addElement(0x2E09, keyID_);
-      ByteWriter counters;
-      counters.addU32(0);
-      counters.addU32(0);
-      krd.addElement(0x2E0D, counters.bytes());
-      krd.addElement(0x2E0C, publicKey);
-    }
-    ByteWriter out;
-    {
-      ByteWriter::Element reg = out.openElement(0x3E01);
-      out.addBytes(krd.bytes());
-      if (attestationKey_) {
-        // Basic full: the attestation key signs, its certificate (and chain) follow.
-        ByteWriter::Element full = out.openElement(0x3E07);
-        out.addElement(0x2E06, derSignature(attestationKey_, krd.bytes()));
-        for (const Bytes& certificate : chain_) out.addElement(0x2E05, certificate);
-      } else {
-        ByteWriter::Element surrogate = out.openElement(0x3E08);
-        out.addElement(0x2E06, sign(krd.bytes()));
-      }
-    }
-    return out.finish().value_or(Bytes());
+  Bytes registration(ByteView publicKey) {
+    const Bytes krd = tlv(
+        0x3E03, cat({head(true), tlv(0x2E0A, Utils::sha256BackData(kFcParams)), tlv(0x2E09, keyID_),
+                     tlv(0x2E0D, Bytes(8, 0)),  // sign and registration counters
+                     tlv(0x2E0C, publicKey)}));
+    if (!attestationKey_) return tlv(0x3E01, cat({krd, tlv(0x3E08, tlv(0x2E06, sign(krd)))}));
+    // Basic full: the attestation key signs, its certificate (and chain) follow.
+    Bytes full = tlv(0x2E06, derSignature(attestationKey_, krd));
+    for (const Bytes& certificate : chain_) full = cat({full, tlv(0x2E05, certificate)});
+    return tlv(0x3E01, cat({krd, tlv(0x3E07, full)}));
+  }
+  RegistrationOutcome verifiedRegistration(ByteView publicKey, const TrustSettings& trust = {}) {
+    RegistrationOutcome reg;
+    verifyRegistration(request("Reg"), response("Reg", registration(publicKey)), trust, reg);
+    return reg;
   }
 
-  Bytes signing(const std::string& fcParams, uint32_t counter) {
-    ByteWriter data;
-    {
-      ByteWriter::Element e = data.openElement(0x3E04);
-      data.addElement(0x2E0B, asBytes(kAaid));
-      ByteWriter info;
-      info.addU16(1);
-      info.addU8(1);
-      info.addU16(encoding_.signatureAlgorithm);
-      data.addElement(0x2E0E, info.bytes());
-      data.addElement(0x2E0F, asBytes("0123456789abcdef"));
-      data.addElement(0x2E0A, Utils::sha256BackData(fcParams));
-      data.addElement(0x2E10, {});
-      data.addElement(0x2E09, keyID_);
-      ByteWriter counters;
-      counters.addU32(counter);
-      data.addElement(0x2E0D, counters.bytes());
-    }
-    ByteWriter out;
-    {
-      ByteWriter::Element auth = out.openElement(0x3E02);
-      out.addBytes(data.bytes());
-      out.addElement(0x2E06, sign(data.bytes()));
-    }
-    return out.finish().value_or(Bytes());
+  // A sign assertion with the sign counter 1.
+  Bytes signing() {
+    const Bytes data =
+        tlv(0x3E04, cat({head(false), tlv(0x2E0F, asBytes("0123456789abcdef")),
+                         tlv(0x2E0A, Utils::sha256BackData(kFcParams)), tlv(0x2E10, {}),
+                         tlv(0x2E09, keyID_), tlv(0x2E0D, Bytes{1, 0, 0, 0})}));
+    return tlv(0x3E02, cat({data, tlv(0x2E06, sign(data))}));
   }
 
   EVP_PKEY* key() const { return key_.get(); }
@@ -204,6 +142,14 @@ class ForeignAuthenticator {
   }
 
  private:
+  // The AAID and the assertion information (with the key's encoding in a registration).
+  Bytes head(bool registration) const {
+    const uint16_t sig = encoding_.signatureAlgorithm, key = encoding_.keyAlgorithm;
+    Bytes info = {1, 0, 1, static_cast<uint8_t>(sig), static_cast<uint8_t>(sig >> 8)};
+    if (registration)
+      info.insert(info.end(), {static_cast<uint8_t>(key), static_cast<uint8_t>(key >> 8)});
+    return cat({tlv(0x2E0B, asBytes(kAaid)), tlv(0x2E0E, info)});
+  }
   Bytes sign(ByteView message) {
     return encoding_.signatureAlgorithm == 0x0001 ? rawSignature(key_.get(), message)
                                                   : derSignature(key_.get(), message);
@@ -224,23 +170,17 @@ TEST(ForeignAssertionTest, SurrogateAttestationInEveryEncodingRegistersAndSigns)
   for (const Encoding& encoding : encodings) {
     SCOPED_TRACE(encoding.name);
     ForeignAuthenticator authenticator(encoding);
-    const Bytes publicKey =
-        encoding.keyAlgorithm == 0x0100 ? rawPoint(authenticator.key()) : spki(authenticator.key());
-    const std::string fcReg = fcParamsFor("reg-challenge");
-    RegistrationOutcome reg;
-    verifyRegistration(request("Reg", "reg-challenge"),
-                       response("Reg", fcReg, authenticator.registration(fcReg, publicKey)), {},
-                       reg);
+    const RegistrationOutcome reg = authenticator.verifiedRegistration(
+        encoding.keyAlgorithm == 0x0100 ? rawPoint(authenticator.key())
+                                        : spki(authenticator.key()));
     ASSERT_TRUE(reg.report.ok()) << reg.report.text();
     ASSERT_EQ(reg.registrations.size(), 1u);
     // Whatever the authenticator sent, the record keeps the SubjectPublicKeyInfo.
     EXPECT_EQ(reg.registrations[0].publicKey, spki(authenticator.key()));
     EXPECT_EQ(reg.registrations[0].username, "bob");
 
-    const std::string fcAuth = fcParamsFor("auth-challenge");
     AuthenticationOutcome auth;
-    verifyAuthentication(request("Auth", "auth-challenge"),
-                         response("Auth", fcAuth, authenticator.signing(fcAuth, 1)),
+    verifyAuthentication(request("Auth"), response("Auth", authenticator.signing()),
                          reg.registrations, {}, auth);
     ASSERT_TRUE(auth.report.ok()) << auth.report.text();
     ASSERT_EQ(auth.updated.size(), 1u);
@@ -261,40 +201,28 @@ TEST(ForeignAssertionTest, BasicFullWithAnIntermediateChainsToTheRoot) {
                              intermediate.get(), false);
   PkeyPtr otherKey(EVP_EC_gen("P-256"));
   X509Ptr otherRoot = certificate(otherKey.get(), "Root", otherKey.get(), nullptr, true);
+  const Bytes leafDer = der(leaf.get(), i2d_X509),
+              intermediateDer = der(intermediate.get(), i2d_X509);
   struct Row {
     const char* name;
     std::vector<Bytes> chain;
-    std::string roots;
-    const char* failingCheck;  // null: verifies
+    X509* root;
+    const char* failingCheck;
   } rows[] = {
-      {"leaf and intermediate",
-       {der(leaf.get()), der(intermediate.get())},
-       pem(root.get()),
-       nullptr},
-      {"leaf alone", {der(leaf.get())}, pem(root.get()), "attestation.chain"},
-      {"another root",
-       {der(leaf.get()), der(intermediate.get())},
-       pem(otherRoot.get()),
-       "attestation.chain"},
-      {"intermediate first",
-       {der(intermediate.get()), der(leaf.get())},
-       pem(root.get()),
-       "attestation.signature"},
+      {"leaf and intermediate", {leafDer, intermediateDer}, root.get(), "none"},
+      {"leaf alone", {leafDer}, root.get(), "attestation.chain"},
+      {"another root", {leafDer, intermediateDer}, otherRoot.get(), "attestation.chain"},
+      {"intermediate first", {intermediateDer, leafDer}, root.get(), "attestation.signature"},
   };
   for (Row& row : rows) {
     SCOPED_TRACE(row.name);
     ForeignAuthenticator authenticator({"DER", 0x0101, 0x0002});
     authenticator.attestWith(attestationKey.get(), row.chain);
-    const std::string fc = fcParamsFor("c");
     TrustSettings trust;
-    trust.attestationRootsPem = row.roots;
-    RegistrationOutcome reg;
-    verifyRegistration(
-        request("Reg", "c"),
-        response("Reg", fc, authenticator.registration(fc, spki(authenticator.key()))), trust, reg);
-    EXPECT_EQ(reg.report.firstFailure().value_or("none"),
-              row.failingCheck ? row.failingCheck : "none")
-        << reg.report.text();
+    trust.attestationRootsPem = pem(row.root);
+    const RegistrationOutcome reg =
+        authenticator.verifiedRegistration(spki(authenticator.key()), trust);
+    EXPECT_EQ(reg.report.firstFailure().value_or("none"), row.failingCheck) << reg.report.text();
   }
 }
 
@@ -305,10 +233,7 @@ TEST(ForeignAssertionTest, RefusesKeysOffTheCurveOrOfTheWrongSize) {
   Bytes shortPoint = rawPoint(authenticator.key());
   shortPoint.pop_back();
   for (const Bytes& key : {offCurve, shortPoint}) {
-    const std::string fc = fcParamsFor("c");
-    RegistrationOutcome reg;
-    verifyRegistration(request("Reg", "c"),
-                       response("Reg", fc, authenticator.registration(fc, key)), {}, reg);
+    const RegistrationOutcome reg = authenticator.verifiedRegistration(key);
     EXPECT_EQ(reg.report.firstFailure().value_or("none"), "publicKey") << reg.report.text();
     EXPECT_TRUE(reg.registrations.empty());
   }

@@ -4,9 +4,6 @@
 #include "corvane-rp/core/relying_party.h"
 
 #include <gtest/gtest.h>
-#include <openssl/ec.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <functional>
@@ -31,22 +28,8 @@ std::string names(const Report& report) {
 // A self-signed P-256 root that signed nothing the library carries.
 std::string otherRootPem() {
   PkeyPtr key(EVP_EC_gen("P-256"));
-  X509Ptr cert(X509_new());
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 7);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("Other Root"), -1, -1, 0);
-  X509_set_issuer_name(cert.get(), name);
-  X509_set_pubkey(cert.get(), key.get());
-  X509_sign(cert.get(), key.get(), EVP_sha256());
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), cert.get());
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
+  return testing::pem(
+      testing::certificate(key.get(), "Other Root", key.get(), nullptr, true).get());
 }
 
 class RelyingPartyTest : public ::testing::Test {
@@ -76,9 +59,14 @@ class RelyingPartyTest : public ::testing::Test {
     return rp_->authenticationRequest(options).value();
   }
   void registerAlice() {
-    const RegistrationOutcome outcome =
-        rp_->receiveRegistration(driver_.registrationResponse(regRequest()));
-    ASSERT_TRUE(outcome.report.ok()) << outcome.report.text();
+    const Report report = receive(driver_.registrationResponse(regRequest()));
+    ASSERT_TRUE(report.ok()) << report.text();
+  }
+  // The report on a registration or an authentication response, after its operation.
+  Report receive(const std::string& response) {
+    return response.find("\"op\":\"Reg\"") != std::string::npos
+               ? rp_->receiveRegistration(response).report
+               : rp_->receiveAuthentication(response).report;
   }
 
   RpDriver driver_;
@@ -91,12 +79,12 @@ TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
   const RegistrationOutcome reg =
       rp_->receiveRegistration(driver_.registrationResponse(regRequest()));
   ASSERT_TRUE(reg.report.ok()) << reg.report.text();
-  EXPECT_EQ(names(reg.report),
-            "challenge.known challenge.unexpired challenge.unused request.json response.json "
-            "header.upv header.op header.appID header.serverData fcParams.decode fcParams.appID "
-            "fcParams.challenge fcParams.facetID fcParams.channelBinding assertion.scheme "
-            "assertion.decode tlv.structure finalChallengeHash aaid assertionInfo keyID publicKey "
-            "attestation.signature attestation.chain");
+  const std::string common =
+      "challenge.known challenge.unexpired challenge.unused request.json response.json "
+      "header.upv header.op header.appID header.serverData fcParams.decode fcParams.appID "
+      "fcParams.challenge fcParams.facetID fcParams.channelBinding assertion.scheme "
+      "assertion.decode tlv.structure finalChallengeHash aaid assertionInfo keyID ";
+  EXPECT_EQ(names(reg.report), common + "publicKey attestation.signature attestation.chain");
   ASSERT_EQ(reg.registrations.size(), 1u);
   EXPECT_EQ(reg.registrations[0].aaid, "0F3D#0002");
   EXPECT_EQ(reg.registrations[0].keyID, driver_.keyID());
@@ -117,13 +105,9 @@ TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
   const AuthenticationOutcome second =
       rp_->receiveAuthentication(driver_.signResponse(request, 3, bend));
   ASSERT_TRUE(second.report.ok()) << second.report.text();
-  EXPECT_EQ(names(second.report),
-            "challenge.known challenge.unexpired challenge.unused request.json response.json "
-            "header.upv header.op header.appID header.serverData fcParams.decode fcParams.appID "
-            "fcParams.challenge fcParams.facetID fcParams.channelBinding assertion.scheme "
-            "assertion.decode tlv.structure finalChallengeHash aaid assertionInfo keyID "
-            "registration.known signature signCounter authenticatorNonce transactionHash "
-            "extension.wb_encryption");
+  EXPECT_EQ(names(second.report), common +
+                                      "registration.known signature signCounter "
+                                      "authenticatorNonce transactionHash extension.wb_encryption");
   EXPECT_EQ(store_->registrations()->at(0).signCounter, 3u);
 }
 
@@ -134,30 +118,42 @@ struct Refusal {
   std::function<std::string(RelyingPartyTest&)> respond;
 };
 
+// A registration, or a sign with `counter`, over a fresh request and bent by `bend`.
+auto reg(Bend bend = {}) {
+  return
+      [bend](RelyingPartyTest& t) { return t.driver_.registrationResponse(t.regRequest(), bend); };
+}
+auto sign(uint64_t counter, Bend bend = {}, AuthenticationOptions options = {}) {
+  return [=](RelyingPartyTest& t) {
+    return t.driver_.signResponse(t.authRequest(options), counter, bend);
+  };
+}
+// The response `make` makes, once it was accepted (so that sending it again is a replay).
+auto accepted(std::function<std::string(RelyingPartyTest&)> make) {
+  return [make](RelyingPartyTest& t) {
+    const std::string response = make(t);
+    EXPECT_TRUE(t.receive(response).ok());
+    return response;
+  };
+}
+
 TEST_F(RelyingPartyTest, RefusesEachBadResponseByTheNamedCheck) {
   registerAlice();
   RpDriver stranger;
-  auto appendToAssertion = [](Bytes& a) { a.insert(a.end(), {0x0B, 0x2E, 0x00, 0x00}); };
+  auto append = [](Bytes& a) { a.insert(a.end(), {0x0B, 0x2E, 0x00, 0x00}); };
   // Trailing bytes inside the outer element: its length grows to cover them.
-  auto appendInside = [](Bytes& a) {
-    a.insert(a.end(), {0x0B, 0x2E, 0x00, 0x00});
+  auto appendInside = [append](Bytes& a) {
+    append(a);
     const size_t length = a.size() - 4;
     a[2] = static_cast<uint8_t>(length);
     a[3] = static_cast<uint8_t>(length >> 8);
   };
+  AuthenticationOptions payBob, sent;
+  payBob.transactionText = "Pay 10 EUR to Bob";
+  sent.wbEncryptionData = "c2VudA";
   const std::vector<Refusal> rows = {
-      {"replayed registration", "challenge.unused",
-       [](RelyingPartyTest& t) {
-         const std::string response = t.driver_.registrationResponse(t.regRequest());
-         EXPECT_TRUE(t.rp_->receiveRegistration(response).report.ok());
-         return response;
-       }},
-      {"replayed authentication", "challenge.unused",
-       [](RelyingPartyTest& t) {
-         const std::string response = t.driver_.signResponse(t.authRequest(), 10);
-         EXPECT_TRUE(t.rp_->receiveAuthentication(response).report.ok());
-         return response;
-       }},
+      {"replayed registration", "challenge.unused", accepted(reg())},
+      {"replayed authentication", "challenge.unused", accepted(sign(10))},
       {"unknown challenge", "challenge.known",
        [](RelyingPartyTest& t) {
          std::string request = t.regRequest();
@@ -173,95 +169,48 @@ TEST_F(RelyingPartyTest, RefusesEachBadResponseByTheNamedCheck) {
        }},
       {"counter that does not rise", "signCounter",
        [](RelyingPartyTest& t) {
-         EXPECT_TRUE(
-             t.rp_->receiveAuthentication(t.driver_.signResponse(t.authRequest(), 20)).report.ok());
-         return t.driver_.signResponse(t.authRequest(), 20);
+         accepted(sign(20))(t);
+         return sign(20)(t);
        }},
-      {"counter that falls", "signCounter",
-       [](RelyingPartyTest& t) { return t.driver_.signResponse(t.authRequest(), 1); }},
-      {"other facet ID", "fcParams.facetID",
-       [](RelyingPartyTest& t) {
-         Bend bend;
-         bend.facetID = "android:apk-key-hash:someone-else";
-         return t.driver_.registrationResponse(t.regRequest(), bend);
-       }},
+      {"counter that falls", "signCounter", sign(1)},
+      {"other facet ID", "fcParams.facetID", reg({.facetID = "android:apk-key-hash:someone-else"})},
       {"other appID", "fcParams.appID",
-       [](RelyingPartyTest& t) {
-         Bend bend;
-         bend.appID = "https://evil.example.test/facets.json";
-         return t.driver_.signResponse(t.authRequest(), 30, bend);
-       }},
+       sign(30, {.appID = "https://evil.example.test/facets.json"})},
       {"attestation not chaining to the root", "attestation.chain",
        [](RelyingPartyTest& t) {
          t.rp_ = std::make_unique<RelyingParty>(*t.store_, t.config(otherRootPem()));
-         return t.driver_.registrationResponse(t.regRequest());
+         return reg()(t);
        }},
-      {"bytes after the registration assertion", "tlv.structure",
-       [&](RelyingPartyTest& t) {
-         Bend bend;
-         bend.assertion = appendToAssertion;
-         return t.driver_.registrationResponse(t.regRequest(), bend);
-       }},
+      {"bytes after the registration assertion", "tlv.structure", reg({.assertion = append})},
       {"bytes after the last element of a registration", "tlv.structure",
-       [&](RelyingPartyTest& t) {
-         Bend bend;
-         bend.assertion = appendInside;
-         return t.driver_.registrationResponse(t.regRequest(), bend);
-       }},
+       reg({.assertion = appendInside})},
       {"bytes after the last element of a sign assertion", "tlv.structure",
-       [&](RelyingPartyTest& t) {
-         Bend bend;
-         bend.assertion = appendInside;
-         return t.driver_.signResponse(t.authRequest(), 40, bend);
-       }},
+       sign(40, {.assertion = appendInside})},
       {"transaction hash over other text", "transactionHash",
-       [](RelyingPartyTest& t) {
-         AuthenticationOptions options;
-         options.transactionText = "Pay 10 EUR to Bob";
-         Bend bend;
-         bend.transactionText = "Pay 10000 EUR to Mallory";
-         return t.driver_.signResponse(t.authRequest(options), 50, bend);
-       }},
+       sign(50, {.transactionText = "Pay 10000 EUR to Mallory"}, payBob)},
       {"transaction hash without a transaction", "assertionInfo",
-       [](RelyingPartyTest& t) {
-         Bend bend;
-         bend.transactionText = "Pay 10 EUR to Bob";
-         return t.driver_.signResponse(t.authRequest(), 51, bend);
-       }},
+       sign(51, {.transactionText = "Pay 10 EUR to Bob"})},
       {"wb_encryption enciphering other data", "extension.wb_encryption",
-       [](RelyingPartyTest& t) {
-         AuthenticationOptions options;
-         options.wbEncryptionData = "c2VudA";
-         const std::string request = t.authRequest(options);
-         Bend bend;
-         bend.wbEncryptionData =
+       [&](RelyingPartyTest& t) {
+         const std::string request = t.authRequest(sent);
+         const std::string other =
              RpDriver::wbCipher(t.rp_->userSecret("alice").value(), request, "b3RoZXI");
-         return t.driver_.signResponse(request, 52, bend);
+         return t.driver_.signResponse(request, 52, {.wbEncryptionData = other});
        }},
       {"wb_encryption sent back in clear", "extension.wb_encryption",
-       [](RelyingPartyTest& t) {
-         AuthenticationOptions options;
-         options.wbEncryptionData = "c2VudA";
-         Bend bend;
-         bend.wbEncryptionData = "c2VudA";
-         return t.driver_.signResponse(t.authRequest(options), 53, bend);
-       }},
+       sign(53, {.wbEncryptionData = "c2VudA"}, sent)},
       {"key that was never registered", "registration.known",
        [&](RelyingPartyTest& t) { return stranger.signResponse(t.authRequest(), 60); }},
       {"another user's key", "registration.known",
        [&](RelyingPartyTest& t) {
          const std::string request = t.rp_->registrationRequest("bob").value();
-         EXPECT_TRUE(
-             t.rp_->receiveRegistration(stranger.registrationResponse(request)).report.ok());
+         EXPECT_TRUE(t.receive(stranger.registrationResponse(request)).ok());
          return stranger.signResponse(t.authRequest(), 61);
        }},
   };
   for (const Refusal& row : rows) {
     SCOPED_TRACE(row.name);
-    const std::string response = row.respond(*this);
-    const bool registration = response.find("\"op\":\"Reg\"") != std::string::npos;
-    const Report report = registration ? rp_->receiveRegistration(response).report
-                                       : rp_->receiveAuthentication(response).report;
+    const Report report = receive(row.respond(*this));
     EXPECT_FALSE(report.ok());
     EXPECT_EQ(report.firstFailure().value_or("none"), row.failingCheck) << report.text();
     rp_ = std::make_unique<RelyingParty>(*store_, config());
@@ -285,9 +234,8 @@ TEST_F(RelyingPartyTest, RefusesAFlippedBitInEveryBytePosition) {
         const size_t at = std::min(position, a.size() - 1);
         a[at] ^= static_cast<uint8_t>(1u << (position % 8));
       };
-      const Report report =
-          isReg ? rp_->receiveRegistration(driver_.registrationResponse(regRequest(), bend)).report
-                : rp_->receiveAuthentication(driver_.signResponse(authRequest(), 71, bend)).report;
+      const Report report = receive(isReg ? driver_.registrationResponse(regRequest(), bend)
+                                          : driver_.signResponse(authRequest(), 71, bend));
       ASSERT_FALSE(report.ok()) << (isReg ? "registration" : "sign") << " byte " << position;
       ++failing[report.firstFailure().value_or("none")];
     }
