@@ -73,19 +73,27 @@ class AuthenticatorRig {
   // `scriptedBiometry`: the Keychain's biometry is `biometry`, else the platform's.
   AuthenticatorRig(uint64_t userVerification, std::string_view settings, bool scriptedBiometry,
                    Make make)
-      : userVerification_(userVerification),
+      : options(hostOptions(dir, settings)),
+        userVerification_(userVerification),
         scriptedBiometry_(scriptedBiometry),
         make_(std::move(make)) {
+    reopen();
+  }
+
+  // The platform options over `dir`, whose host bundle is written with `settings`.
+  static linux_platform::LinuxPlatformOptions hostOptions(const TempDir& dir,
+                                                          std::string_view settings) {
     writeFile(dir.path() / "Host.app" / "Info.plist",
               R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
               "<key>CFBundleIdentifier</key><string>com.example.host</string>"
               "<key>zandrel_fido_sdk_config</key><dict>" +
                   std::string(settings) + "</dict></dict></plist>");
+    linux_platform::LinuxPlatformOptions options;
     options.hostBundleDirectory = dir.path() / "Host.app";
     options.dataDirectory = dir.path() / "data";
     options.frameworkBundleDirectory = resourcesDir();
     options.durableWrites = false;
-    reopen();
+    return options;
   }
 
   // A restart: new stores, ASM and authenticator over the same data directory.
@@ -169,6 +177,13 @@ class AuthenticatorRig {
             Utils::sha256(kRigUser) + ".0F3D#0002",
             std::string(prefix) + "." + Utils::sha256(kRigUser));
     return services && !services->empty();
+  }
+  // Whether neither record nor the private key of the user is left.
+  bool wiped() {
+    return !hasRecord("AUTHNR.data") && !hasRecord("ASMKH.data") &&
+           platform->keyStore->sign(
+               "ios:bundle-id:com.example.host.0F3D#0002.PRI." + Utils::sha256(kRigUser),
+               Bytes(32, 1), nullptr) == StoreStatus::notFound;
   }
   const AuthenticatorAnswer& last() const { return spy.answers.back(); }
   uint64_t asmStatus() const { return corvane.answers.back().response.statusCode; }

@@ -7,28 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include <nlohmann/json.hpp>
 
-#include "asm/asm.h"
 #include "corvane/corvane.h"
-#include "corvane/linux_platform.h"
 #include "corvane/status_codes.h"
-#include "crypto/attestation_material.h"
-#include "fakes/fake_clock.h"
-#include "fakes/fake_device_info.h"
-#include "fakes/manual_scheduler.h"
-#include "fakes/scripted_authenticator.h"
-#include "fakes/scripted_biometry.h"
-#include "fakes/scripted_presenter.h"
-#include "foundation/byte_io.h"
-#include "test_files.h"
-#include "test_support.h"
-#include "uaf_assertions.h"
 #include "verification/authenticator_rig.h"
 
 namespace corvane {
@@ -39,7 +21,6 @@ using testing::ManualScheduler;
 using testing::ScriptedBiometry;
 using testing::ScriptedPresenter;
 using Prompt = ScriptedBiometry::Prompt;
-constexpr std::string_view kFacet = testing::kRigFacet;
 constexpr std::string_view kUser = testing::kRigUser;
 constexpr std::string_view kRegPrompt = "Verify your identity to turn on biometric sign-in.";
 constexpr std::string_view kAuthPrompt = "Verify your identity to sign in.";
@@ -166,51 +147,35 @@ TEST(FaceAuthenticatorTest, RegistersAndSignsAfterEachPrompt) {
 
 TEST(FaceAuthenticatorTest, FailedPromptsAnswerTheirStatus) {
   Rig rig;
-  // A cancelled or failed registration prompt leaves nothing behind.
-  const struct {
-    Prompt prompt;
-    uint64_t status;
-    const char* message;
-    uint64_t asmStatus;
-  } registrations[] = {
-      {Prompt::userCancel, 5, "user canceled register action", 3},
-      {Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
-  };
-  for (const auto& c : registrations) {
-    rig.biometry.queuePrompt(c.prompt);
-    rig.startRegistration();
-    EXPECT_EQ(rig.last().status, c.status);
-    EXPECT_EQ(rig.last().message, c.message);
-    EXPECT_EQ(rig.asmStatus(), c.asmStatus);
-    EXPECT_FALSE(rig.hasRecord("AUTHNR.data") || rig.hasRecord("ASMKH.data") || rig.hasBioItem());
-    EXPECT_EQ(
-        rig.platform->keyStore->sign(std::string(kFacet) + ".0F3D#0002.PRI." + Utils::sha256(kUser),
-                                     Bytes(32, 1), nullptr),
-        StoreStatus::notFound);
-  }
   rig.biometry.failProtect(true);
   rig.startRegistration();
   EXPECT_EQ(rig.last().status, 2u);
   EXPECT_EQ(rig.last().message, "Unable add item to keychain with status : -36");
   rig.biometry.failProtect(false);
-
-  rig.registerUser();
+  // A cancelled or failed registration prompt leaves nothing behind; the sign rows come once the
+  // user is registered.
   const struct {
+    bool sign;
     Prompt prompt;
     uint64_t status;
     const char* message;
     uint64_t asmStatus;
-  } signs[] = {
-      {Prompt::userCancel, 5, "user canceled sign action", 3},
-      {Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
-      {Prompt::lockout, 13, "user lockout", 13},
+  } failures[] = {
+      {false, Prompt::userCancel, 5, "user canceled register action", 3},
+      {false, Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
+      {true, Prompt::userCancel, 5, "user canceled sign action", 3},
+      {true, Prompt::failed, 2, "Unable find item to keychain with status : -25293", 2},
+      {true, Prompt::lockout, 13, "user lockout", 13},
   };
-  for (const auto& c : signs) {
+  for (const auto& c : failures) {
+    SCOPED_TRACE(c.message);
+    if (c.sign && rig.keyID.empty()) rig.registerUser();
     rig.biometry.queuePrompt(c.prompt);
-    rig.startSign();
+    c.sign ? rig.startSign() : rig.startRegistration();
     EXPECT_EQ(rig.last().status, c.status);
     EXPECT_EQ(rig.last().message, c.message);
     EXPECT_EQ(rig.asmStatus(), c.asmStatus);
+    EXPECT_TRUE(c.sign || (rig.wiped() && !rig.hasBioItem()));
   }
   rig.biometry.setAvailability(BiometryAvailability::available);
   // Cancel on the transaction screen: no prompt at all.
@@ -259,7 +224,7 @@ TEST(FaceAuthenticatorTest, ChangedEnrolmentKeepsOnlyConvenienceRegistrations) {
     EXPECT_EQ(rig.last().message, "the biometric enrolment has changed: register again.");
     EXPECT_EQ(rig.asmStatus(), 16u);
     EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20006);
-    EXPECT_FALSE(rig.hasRecord("AUTHNR.data") || rig.hasRecord("ASMKH.data") || rig.hasBioItem());
+    EXPECT_TRUE(rig.wiped() && !rig.hasBioItem());
     EXPECT_NE(state, Utils::base64URLSafeStringFromData(*rig.biometry.enrolmentState()));
     // The user registers again over the new enrolment and signs with the new key (the prompt
     // queued above is still unused, so the sign has one).
@@ -285,18 +250,9 @@ TEST(FaceAuthenticatorTest, ALostItemWithTheSameEnrolmentIsAKeyThatDisappeared) 
 class Host {
  public:
   explicit Host(std::shared_ptr<BiometryPort> biometry) {
-    testing::writeFile(dir.path() / "Host.app" / "Info.plist",
-                       R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0"><dict>)"
-                       "<key>CFBundleIdentifier</key><string>com.example.host</string>"
-                       "<key>zandrel_fido_sdk_config</key><dict>" +
-                           Rig::settings(std::nullopt) + "</dict></dict></plist>");
-    linux_platform::LinuxPlatformOptions options;
-    options.hostBundleDirectory = dir.path() / "Host.app";
-    options.dataDirectory = dir.path() / "data";
-    options.frameworkBundleDirectory = testing::resourcesDir();
-    options.durableWrites = false;
     Error error;
-    std::optional<Platform> platform = linux_platform::makePlatform(options, &error);
+    std::optional<Platform> platform =
+        linux_platform::makePlatform(Rig::hostOptions(dir, Rig::settings(std::nullopt)), &error);
     EXPECT_TRUE(platform) << error.localizedDescription();
     platform->scheduler = scheduler;
     platform->screenPresenter = std::make_shared<ScriptedPresenter>();
