@@ -4,19 +4,16 @@
 #include <openssl/core_names.h>
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
 #include <nlohmann/json.hpp>
 
 #include "corvane-rp/core/verifier.h"
 #include "crypto/openssl_handles.h"
-#include "rp/rp_driver.h"
 
 namespace corvane::rp {
 namespace {
-
-using testing::certificate;
-using testing::der;
-using testing::pem;
 
 constexpr std::string_view kAaid = "ABCD#0001";
 constexpr std::string_view kAppID = "https://rp.example.test/facets.json";
@@ -52,8 +49,46 @@ Bytes rawPoint(EVP_PKEY* key) {
   return out;
 }
 
-Bytes spki(EVP_PKEY* key) {
-  return der(key, i2d_PUBKEY);
+// A certificate for `subject` issued by `issuer` with `issuerKey` (self-signed when `issuer` is
+// null).
+X509Ptr certificate(EVP_PKEY* subject, const char* name, EVP_PKEY* issuerKey, X509* issuer,
+                    bool ca) {
+  X509Ptr cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
+  X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer ? issuer : cert.get()));
+  X509_set_pubkey(cert.get(), subject);
+  X509V3_CTX context;
+  X509V3_set_ctx_nodb(&context);
+  X509V3_set_ctx(&context, issuer ? issuer : cert.get(), cert.get(), nullptr, nullptr, 0);
+  X509ExtensionPtr constraints(X509V3_EXT_conf_nid(nullptr, &context, NID_basic_constraints,
+                                                   ca ? "critical,CA:TRUE" : "CA:FALSE"));
+  X509_add_ext(cert.get(), constraints.get(), -1);
+  X509_sign(cert.get(), issuerKey, EVP_sha256());
+  return cert;
+}
+
+// The DER form of a certificate or of a public key (its SubjectPublicKeyInfo), by `encode`
+// (i2d_X509, i2d_PUBKEY).
+template <typename T>
+Bytes der(const T* object, int (*encode)(const T*, unsigned char**)) {
+  unsigned char* out = nullptr;
+  const int size = encode(object, &out);
+  Bytes bytes(out, out + size);
+  OPENSSL_free(out);
+  return bytes;
+}
+
+std::string pem(X509* cert) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(bio.get(), cert);
+  char* data = nullptr;
+  const long size = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<size_t>(size));
 }
 
 nlohmann::json header(std::string_view op) {
@@ -172,11 +207,11 @@ TEST(ForeignAssertionTest, SurrogateAttestationInEveryEncodingRegistersAndSigns)
     ForeignAuthenticator authenticator(encoding);
     const RegistrationOutcome reg = authenticator.verifiedRegistration(
         encoding.keyAlgorithm == 0x0100 ? rawPoint(authenticator.key())
-                                        : spki(authenticator.key()));
+                                        : der(authenticator.key(), i2d_PUBKEY));
     ASSERT_TRUE(reg.report.ok()) << reg.report.text();
     ASSERT_EQ(reg.registrations.size(), 1u);
     // Whatever the authenticator sent, the record keeps the SubjectPublicKeyInfo.
-    EXPECT_EQ(reg.registrations[0].publicKey, spki(authenticator.key()));
+    EXPECT_EQ(reg.registrations[0].publicKey, der(authenticator.key(), i2d_PUBKEY));
     EXPECT_EQ(reg.registrations[0].username, "bob");
 
     AuthenticationOutcome auth;
@@ -221,7 +256,7 @@ TEST(ForeignAssertionTest, BasicFullWithAnIntermediateChainsToTheRoot) {
     TrustSettings trust;
     trust.attestationRootsPem = pem(row.root);
     const RegistrationOutcome reg =
-        authenticator.verifiedRegistration(spki(authenticator.key()), trust);
+        authenticator.verifiedRegistration(der(authenticator.key(), i2d_PUBKEY), trust);
     EXPECT_EQ(reg.report.firstFailure().value_or("none"), row.failingCheck) << reg.report.text();
   }
 }

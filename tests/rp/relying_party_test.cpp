@@ -9,8 +9,8 @@
 #include <functional>
 #include <map>
 
-#include "crypto/openssl_handles.h"
 #include "rp/rp_driver.h"
+#include "support/test_https_server.h"
 #include "test_files.h"
 
 namespace corvane::rp {
@@ -25,11 +25,11 @@ std::string names(const Report& report) {
   return out;
 }
 
-// A self-signed P-256 root that signed nothing the library carries.
+// A root that signed nothing the library carries.
 std::string otherRootPem() {
-  PkeyPtr key(EVP_EC_gen("P-256"));
-  return testing::pem(
-      testing::certificate(key.get(), "Other Root", key.get(), nullptr, true).get());
+  testing::TempDir dir;
+  testing::TestCa("Other Root").writePem(dir.path() / "root.pem");
+  return testing::readFile(dir.path() / "root.pem");
 }
 
 class RelyingPartyTest : public ::testing::Test {

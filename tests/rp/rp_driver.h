@@ -5,9 +5,6 @@
 // to make the responses the relying party must refuse.
 #pragma once
 
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
-
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,7 +15,6 @@
 #include "corvane-rp/core/wb_extension.h"
 #include "crypto/aes_wb_helper.h"
 #include "crypto/attestation_material.h"
-#include "crypto/openssl_handles.h"
 #include "foundation/utils.h"
 #include "storage/keychain_rig.h"
 #include "tablegen/whitebox_generator.h"
@@ -35,47 +31,6 @@ struct Bend {
   std::optional<std::string> wbEncryptionData{};  // wb_encryption data to sign (base64url)
   std::function<void(Bytes&)> assertion{};        // applied to the assertion bytes
 };
-
-// A certificate for `subject` issued by `issuer` with `issuerKey` (self-signed when `issuer` is
-// null).
-inline X509Ptr certificate(EVP_PKEY* subject, const char* name, EVP_PKEY* issuerKey, X509* issuer,
-                           bool ca) {
-  X509Ptr cert(X509_new());
-  X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1);
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 3600);
-  X509_NAME_add_entry_by_txt(X509_get_subject_name(cert.get()), "CN", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
-  X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer ? issuer : cert.get()));
-  X509_set_pubkey(cert.get(), subject);
-  X509V3_CTX context;
-  X509V3_set_ctx_nodb(&context);
-  X509V3_set_ctx(&context, issuer ? issuer : cert.get(), cert.get(), nullptr, nullptr, 0);
-  X509ExtensionPtr constraints(X509V3_EXT_conf_nid(nullptr, &context, NID_basic_constraints,
-                                                   ca ? "critical,CA:TRUE" : "CA:FALSE"));
-  X509_add_ext(cert.get(), constraints.get(), -1);
-  X509_sign(cert.get(), issuerKey, EVP_sha256());
-  return cert;
-}
-
-// The DER form of a certificate or a public key, by `encode` (i2d_X509, i2d_PUBKEY).
-template <typename T>
-Bytes der(const T* object, int (*encode)(const T*, unsigned char**)) {
-  unsigned char* out = nullptr;
-  const int size = encode(object, &out);
-  Bytes bytes(out, out + size);
-  OPENSSL_free(out);
-  return bytes;
-}
-
-inline std::string pem(X509* cert) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), cert);
-  char* data = nullptr;
-  const long size = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(size));
-}
 
 class RpDriver {
  public:
