@@ -95,14 +95,13 @@ TEST(FaceAuthenticatorTest, EachAvailabilityAnswersRegistrationWithoutAPrompt) {
     EXPECT_EQ(rig.last().status, c.status);
     EXPECT_EQ(rig.presenter.shownCount(), 0u);
   }
-  // Available with a kind: supported.
-  Rig rig;
-  rig.biometry.setBiometryType(BiometryType::face);
-  EXPECT_EQ(rig.authenticator()->getInfo().status, 2u);
 }
 
 TEST(FaceAuthenticatorTest, RegistersAndSignsAfterEachPrompt) {
   Rig rig;
+  // Available with a kind: supported.
+  rig.biometry.setBiometryType(BiometryType::face);
+  EXPECT_EQ(rig.authenticator()->getInfo().status, 2u);
   rig.registerUser();
   // The item was made, then read back once with the registration prompt.
   ASSERT_EQ(rig.biometry.calls().size(), 2u);
@@ -143,6 +142,15 @@ TEST(FaceAuthenticatorTest, RegistersAndSignsAfterEachPrompt) {
   rig.startSign();
   EXPECT_EQ(rig.verifiedCounter(), 4u);
   EXPECT_EQ(rig.biometry.unscriptedPrompts(), 0);
+
+  // The item lost while the enrolment stays the same: a key that disappeared.
+  ASSERT_EQ(rig.keychain->deleteGenericPasswordWithAccount(
+                std::nullopt, "bio_service_" + Utils::sha256(kUser), std::nullopt),
+            StoreStatus::ok);
+  rig.startSign();
+  EXPECT_EQ(rig.last().status, 9u);
+  EXPECT_EQ(rig.last().message, "the biometric item is gone: register again.");
+  EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20004);
 }
 
 TEST(FaceAuthenticatorTest, FailedPromptsAnswerTheirStatus) {
@@ -232,18 +240,6 @@ TEST(FaceAuthenticatorTest, ChangedEnrolmentKeepsOnlyConvenienceRegistrations) {
     rig.startSign();
     EXPECT_EQ(rig.verifiedCounter(), 1u);
   }
-}
-
-TEST(FaceAuthenticatorTest, ALostItemWithTheSameEnrolmentIsAKeyThatDisappeared) {
-  Rig rig;
-  rig.registerUser();
-  ASSERT_EQ(rig.keychain->deleteGenericPasswordWithAccount(
-                std::nullopt, "bio_service_" + Utils::sha256(kUser), std::nullopt),
-            StoreStatus::ok);
-  rig.startSign();
-  EXPECT_EQ(rig.last().status, 9u);
-  EXPECT_EQ(rig.last().message, "the biometric item is gone: register again.");
-  EXPECT_EQ(AsmStatusCodeTranslater::translate(static_cast<int64_t>(rig.asmStatus())), 20004);
 }
 
 // The facade: which authenticators a host discovers, and what it hears after an enrolment change.
