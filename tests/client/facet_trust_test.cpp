@@ -26,25 +26,9 @@ using testing::TestHttpServer;
 
 constexpr char kFacet[] = "ios:bundle-id:com.example.host";
 
-// A trusted-facets document with one entry per (major, minor, ids).
-struct Entry {
-  int major, minor;
-  std::vector<std::string> ids;
-};
-std::string document(const std::vector<Entry>& entries) {
-  std::string text = R"({"trustedFacets":[)";
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (i > 0) text += ",";
-    text += R"({"version":{"major":)" + std::to_string(entries[i].major) + R"(,"minor":)" +
-            std::to_string(entries[i].minor) + R"(},"ids":[)";
-    for (size_t j = 0; j < entries[i].ids.size(); ++j) {
-      text += (j > 0 ? ",\"" : "\"") + entries[i].ids[j] + "\"";
-    }
-    text += "]}";
-  }
-  return text + "]}";
-}
-const std::string kTrusting = document({{1, 0, {"ios:bundle-id:com.other", kFacet}}});
+const std::string kTrusting =
+    R"({"trustedFacets":[{"version":{"major":1,"minor":0},)"
+    R"("ids":["ios:bundle-id:com.other","ios:bundle-id:com.example.host"]}]})";
 
 TestHttpServer::Canned ok(std::string body, int status = 200, bool chunked = false) {
   TestHttpServer::Canned canned;
@@ -167,15 +151,19 @@ TEST(FacetTrustTest, CheckAgainstLocalServers) {
 
   // Every path is distinct, so all the servers are set up before the first row.
   TestHttpServer& https = rig.https;
-  for (const auto& [path, body] :
-       {std::pair{"/v10", kTrusting},
-        {"/v11", document({{1, 1, {kFacet}}, {1, 0, {"ios:bundle-id:x"}}})},
-        {"/case", document({{1, 0, {"ios:bundle-id:com.example.Host"}}})},
-        {"/long", kTrusting},
-        {"/target", kTrusting},
-        {"/mib", padded(1 << 20)},
-        {"/mib1", padded((1 << 20) + 1)},
-        {"/text", "trustedFacets " + std::string(kFacet)}}) {
+  for (
+      const auto& [path, body] :
+      {std::pair{"/v10", kTrusting},
+       {"/v11",
+        R"({"trustedFacets":[{"version":{"major":1,"minor":1},"ids":["ios:bundle-id:com.example.host"]},)"
+        R"({"version":{"major":1,"minor":0},"ids":["ios:bundle-id:x"]}]})"},
+       {"/case",
+        R"({"trustedFacets":[{"version":{"major":1,"minor":0},"ids":["ios:bundle-id:com.example.Host"]}]})"},
+       {"/long", kTrusting},
+       {"/target", kTrusting},
+       {"/mib", padded(1 << 20)},
+       {"/mib1", padded((1 << 20) + 1)},
+       {"/text", "trustedFacets " + std::string(kFacet)}}) {
     https.serve(path, ok(body));
   }
   https.serve("/2mib", ok(padded(2 << 20), 200, true));

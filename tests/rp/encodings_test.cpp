@@ -1,7 +1,6 @@
 // Assertions of another authenticator, assembled here by hand: surrogate attestation with the raw
 // and DER encodings of the public key and of the signatures, each registered and then used once.
 #include <gtest/gtest.h>
-#include <openssl/core_names.h>
 #include <openssl/ecdsa.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -40,15 +39,6 @@ Bytes rawSignature(EVP_PKEY* key, ByteView message) {
   return out;
 }
 
-Bytes rawPoint(EVP_PKEY* key) {
-  Bytes out(65);
-  size_t size = 0;
-  EVP_PKEY_get_octet_string_param(key, OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, out.data(), out.size(),
-                                  &size);
-  out.resize(size);
-  return out;
-}
-
 // A certificate for `subject` issued by `issuer` with `issuerKey` (self-signed when `issuer` is
 // null).
 X509Ptr certificate(EVP_PKEY* subject, const char* name, EVP_PKEY* issuerKey, X509* issuer,
@@ -81,6 +71,12 @@ Bytes der(const T* object, int (*encode)(const T*, unsigned char**)) {
   Bytes bytes(out, out + size);
   OPENSSL_free(out);
   return bytes;
+}
+
+// The uncompressed point, which ends the SubjectPublicKeyInfo of a P-256 key.
+Bytes rawPoint(EVP_PKEY* key) {
+  const Bytes spki = der(key, i2d_PUBKEY);
+  return Bytes(spki.end() - 65, spki.end());
 }
 
 std::string pem(X509* cert) {
