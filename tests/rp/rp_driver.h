@@ -34,16 +34,9 @@ struct Bend {
 
 class RpDriver {
  public:
-  // `keyText` fixes the key ID (64 characters); a random one otherwise.
-  explicit RpDriver(std::optional<std::string> keyText = std::nullopt) {
-    if (keyText) keyText_ = *keyText;
-    publicKey_ = attesting_.generate256EcKeyPair("pub", kTag).value_or(Bytes());
-  }
-
   bool ready() const { return publicKey_.size() == 91; }
 
-  // The 64 hex characters of TAG_KEYID, and the key ID the messages carry.
-  const std::string& keyText() const { return keyText_; }
+  // The key ID the messages carry: the 64 random hex characters of TAG_KEYID.
   std::string keyID() const { return Utils::base64URLSafeStringFromData(asBytes(keyText_)); }
 
   std::string registrationResponse(const std::string& request, const Bend& bend = {}) {
@@ -95,12 +88,6 @@ class RpDriver {
     return cipher ? Utils::base64URLSafeStringFromData(*cipher) : "";
   }
 
-  // The response with its assertion bytes replaced.
-  static std::string withAssertion(const std::string& response, ByteView assertion) {
-    nlohmann::json message = nlohmann::json::parse(response);
-    message[0]["assertions"][0]["assertion"] = Utils::base64URLSafeStringFromData(assertion);
-    return message.dump();
-  }
   static Bytes assertionOf(const std::string& response) {
     const nlohmann::json message = nlohmann::json::parse(response);
     return Utils::decodeBase64Url(message[0]["assertions"][0]["assertion"].get<std::string>())
@@ -137,7 +124,7 @@ class RpDriver {
   WhiteboxAttestationKeySource source_;
   Keychain attesting_{rig_.items(), rig_.keys, rig_.biometry, rig_.configuration, &source_};
   TlvHelper helper_{attesting_};
-  Bytes publicKey_;
+  Bytes publicKey_ = attesting_.generate256EcKeyPair("pub", kTag).value_or(Bytes());
   std::string keyText_ = hexadecimalString(Utils::randomBytesWithLength(32).value_or(Bytes(32)));
 };
 
