@@ -91,9 +91,8 @@ TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
   EXPECT_EQ(reg.registrations[0].username, "alice");
 
   // The second one confirms a transaction; its sign counter is remembered across both.
-  const AuthenticationOutcome first =
-      rp_->receiveAuthentication(driver_.signResponse(authRequest(), 2));
-  ASSERT_TRUE(first.report.ok()) << first.report.text();
+  const Report first = receive(driver_.signResponse(authRequest(), 2));
+  ASSERT_TRUE(first.ok()) << first.text();
   AuthenticationOptions withText;
   withText.transactionText = "Pay 10 EUR to Bob";
   withText.wbEncryptionData = "c2VjcmV0LWRhdGEtZm9yLWFsaWNl";
@@ -102,12 +101,11 @@ TEST_F(RelyingPartyTest, RegistrationAndTwoAuthenticationsVerify) {
   bend.wbEncryptionData =
       RpDriver::wbCipher(rp_->userSecret("alice").value(), request, *withText.wbEncryptionData);
   ASSERT_FALSE(bend.wbEncryptionData->empty());
-  const AuthenticationOutcome second =
-      rp_->receiveAuthentication(driver_.signResponse(request, 3, bend));
-  ASSERT_TRUE(second.report.ok()) << second.report.text();
-  EXPECT_EQ(names(second.report), common +
-                                      "registration.known signature signCounter "
-                                      "authenticatorNonce transactionHash extension.wb_encryption");
+  const Report second = receive(driver_.signResponse(request, 3, bend));
+  ASSERT_TRUE(second.ok()) << second.text();
+  EXPECT_EQ(names(second), common +
+                               "registration.known signature signCounter "
+                               "authenticatorNonce transactionHash extension.wb_encryption");
   EXPECT_EQ(store_->registrations()->at(0).signCounter, 3u);
 }
 

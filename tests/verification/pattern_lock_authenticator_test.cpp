@@ -92,20 +92,17 @@ TEST(PatternLockAuthenticatorTest, RegistersAndSignsWithRisingCounters) {
 
 TEST(PatternLockAuthenticatorTest, RefusalsAnswerTheirStatus) {
   Rig rig;
-  // Cancel on the enrolment screen, then on both sign screens.
-  rig.startRegistration();
-  rig.presenter.pattern()->pressButton();
-  rig.scheduler.drain();
-  EXPECT_EQ(rig.last().status, 5u);
-  EXPECT_EQ(rig.last().message, "user canceled register action");
-  EXPECT_EQ(rig.presenter.shownCount(), 0u);
-
-  rig.registerUser();
-  rig.startSign();
-  rig.presenter.pattern()->pressButton();
-  rig.scheduler.drain();
-  EXPECT_EQ(rig.last().status, 5u);
-  EXPECT_EQ(rig.last().message, "user canceled sign action");
+  // Cancel on the enrolment screen, then (the user registered in between) on both sign screens.
+  for (bool sign : {false, true}) {
+    sign ? rig.startSign() : rig.startRegistration();
+    rig.presenter.pattern()->pressButton();
+    rig.scheduler.drain();
+    EXPECT_EQ(rig.last().status, 5u);
+    EXPECT_EQ(rig.last().message,
+              sign ? "user canceled sign action" : "user canceled register action");
+    EXPECT_EQ(rig.presenter.shownCount(), 0u);
+    if (!sign) rig.registerUser();
+  }
   rig.startSign(std::vector{Transaction{"text/plain", "SGk", std::nullopt}});
   rig.presenter.transaction()->pressCancel();
   rig.scheduler.drain();
