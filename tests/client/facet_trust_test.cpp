@@ -30,21 +30,21 @@ const std::string kTrusting =
     R"({"trustedFacets":[{"version":{"major":1,"minor":0},)"
     R"("ids":["ios:bundle-id:com.other","ios:bundle-id:com.example.host"]}]})";
 
-TestHttpServer::Canned ok(std::string body, int status = 200, bool chunked = false) {
-  TestHttpServer::Canned canned;
-  canned.status = status;
-  canned.body = std::move(body);
-  canned.chunked = chunked;
-  return canned;
-}
 // The trusting document padded with blanks to exactly `size` bytes: still a valid document.
 std::string padded(size_t size) {
   return kTrusting + std::string(size - kTrusting.size(), ' ');
 }
 
+// The host's configuration over fakes.
+struct HostConfig {
+  testing::FakeHostBundle host, framework;
+  testing::FakeUserDefaults defaults;
+  Configuration configuration{host, framework, defaults};
+};
+
 // Everything the rows share: a test CA the client trusts and one it does not, a server of each
 // kind, the real libcurl client behind a recording fake, and the host's configuration.
-struct Rig {
+struct Rig : HostConfig {
   // The client trusts the system store and `trustedCa`.
   std::shared_ptr<HttpClient> makeCurl() {
     trustedCa.writePem(dir.path() / "ca.pem");
@@ -64,10 +64,6 @@ struct Rig {
   testing::SilentServer silent;
   std::shared_ptr<HttpClient> curl = makeCurl();
   std::shared_ptr<testing::FakeHttpClient> http = std::make_shared<testing::FakeHttpClient>(curl);
-  testing::FakeHostBundle host;
-  testing::FakeHostBundle framework;
-  testing::FakeUserDefaults defaults;
-  Configuration configuration{host, framework, defaults};
   FacetTrust trust{configuration, *http};
 };
 
@@ -78,18 +74,11 @@ Counts counts(const Rig& rig) {
           rig.legacy.requests()};
 }
 
-// The host's configuration over fakes, and a fake client that makes no request.
-struct Offline {
-  testing::FakeHostBundle host, framework;
-  testing::FakeUserDefaults defaults;
-  Configuration configuration{host, framework, defaults};
-  testing::FakeHttpClient http;
-};
-
 TEST(FacetTrustTest, FacetIdIsThePrefixAndTheBundleIdentifier) {
-  Offline o;
+  HostConfig o;
+  testing::FakeHttpClient http;
   o.host.identifier = "com.Example.App-2";
-  EXPECT_EQ(FacetTrust(o.configuration, o.http).facetID(), "ios:bundle-id:com.Example.App-2");
+  EXPECT_EQ(FacetTrust(o.configuration, http).facetID(), "ios:bundle-id:com.Example.App-2");
 }
 
 // The redirect rule alone: the header's value is read as a loose boolean; the target must be
@@ -128,16 +117,17 @@ TEST(FacetTrustTest, RedirectRule) {
 
 // A transport failure is untrusted whatever the server would have sent.
 TEST(FacetTrustTest, TransportFailureIsUntrusted) {
-  Offline o;
+  HostConfig o;
+  testing::FakeHttpClient http;
   HttpClient::Response response;
   response.status = 200;
   response.body = kTrusting;
-  o.http.setResponse("https://a.example/facets", response);
-  const FacetTrust trust(o.configuration, o.http);
+  http.setResponse("https://a.example/facets", response);
+  const FacetTrust trust(o.configuration, http);
   EXPECT_TRUE(trust.checkTrustedFacetID("https://a.example/facets"));
-  o.http.failAll(true);
+  http.failAll(true);
   EXPECT_FALSE(trust.checkTrustedFacetID("https://a.example/facets"));
-  EXPECT_EQ(o.http.calls().size(), 2u);
+  EXPECT_EQ(http.calls().size(), 2u);
 }
 
 // Each row prepares the servers, names the appID and says what the check answers and which
@@ -164,13 +154,13 @@ TEST(FacetTrustTest, CheckAgainstLocalServers) {
        {"/mib", padded(1 << 20)},
        {"/mib1", padded((1 << 20) + 1)},
        {"/text", "trustedFacets " + std::string(kFacet)}}) {
-    https.serve(path, ok(body));
+    https.serve(path, {200, {}, body, false});
   }
-  https.serve("/2mib", ok(padded(2 << 20), 200, true));
-  https.serve("/gone", ok(kTrusting, 404));
-  rig.plain.serve("/doc", ok(kTrusting));
-  rig.stranger.serve("/doc", ok(kTrusting));
-  rig.legacy.serve("/doc", ok(kTrusting));
+  https.serve("/2mib", {200, {}, padded(2 << 20), true});  // chunked, without a length
+  https.serve("/gone", {404, {}, kTrusting, false});
+  for (TestHttpServer* server : {&rig.plain, &rig.stranger, &rig.legacy}) {
+    server->serve("/doc", {200, {}, kTrusting, false});
+  }
   https.redirect("/moved", "/target", "true");  // relative, resolved by the client
   https.redirect("/bare", https.url("/target"), std::nullopt);
   https.redirect("/no", https.url("/target"), "false");

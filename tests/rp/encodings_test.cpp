@@ -100,11 +100,9 @@ std::string request(std::string_view op) {
   return nlohmann::json::array({message}).dump();
 }
 
-const std::string kFcParams = Utils::base64URLSafeStringFromData(asBytes(nlohmann::json{
-    {"appID", kAppID},
-    {"challenge", "c"},
-    {"facetID", kAppID},
-    {"channelBinding", nlohmann::json::object()}}.dump()));
+const std::string kFcParams = Utils::base64URLSafeStringFromData(
+    asBytes(R"({"appID":"https://rp.example.test/facets.json","challenge":"c",)"
+            R"("facetID":"https://rp.example.test/facets.json","channelBinding":{}})"));
 
 std::string response(std::string_view op, ByteView assertion) {
   const nlohmann::json message = {
