@@ -149,10 +149,14 @@ TEST(PatternLockAuthenticatorTest, RefusalsAnswerTheirStatus) {
 TEST(PatternLockAuthenticatorTest, LockoutWalkCannotBeShortened) {
   Rig rig;
   rig.registerUser();
-  const auto failRound = [&rig](int tries) {
+  // A sign with `tries` wrong patterns, left until its screen closes, answers `status`.
+  const auto failRound = [&rig](int tries, uint64_t status,
+                                std::string_view message = "User pattern lock attempt failed.") {
     rig.startSign();
     for (int i = 0; i < tries; ++i) rig.draw(kWrong);
     rig.scheduler.advance(kLockOutClose);
+    EXPECT_EQ(rig.last().status, status);
+    EXPECT_EQ(rig.last().message, message);
   };
   // Round 1: two wrong tries, cancel, and the round goes on with one try left.
   rig.startSign();
@@ -161,20 +165,14 @@ TEST(PatternLockAuthenticatorTest, LockoutWalkCannotBeShortened) {
   rig.presenter.pattern()->pressButton();
   rig.scheduler.drain();
   ASSERT_EQ(rig.last().status, 5u);
-  failRound(1);
-  EXPECT_EQ(rig.last().status, 18u);
-  EXPECT_EQ(rig.last().message, "User pattern lock attempt failed.");
+  failRound(1, 18u);
   // Round 2: one wrong try, a restart, two more.
   rig.startSign();
   rig.draw(kWrong);
   rig.reopen();
-  failRound(2);
-  EXPECT_EQ(rig.last().status, 18u);
-  EXPECT_EQ(rig.last().message, "User pattern lock attempt failed.");
+  failRound(2, 18u);
   // Round 3 carries the wait.
-  failRound(3);
-  EXPECT_EQ(rig.last().status, 17u);
-  EXPECT_EQ(rig.last().message, "User pattern lock attempt failed.");
+  failRound(3, 17u);
   const struct {
     int64_t after;
     const char* message;
@@ -191,9 +189,7 @@ TEST(PatternLockAuthenticatorTest, LockoutWalkCannotBeShortened) {
   }
   rig.clock.advance(kSecond);
   // Round 4 is the lockout: its failure wipes the registration.
-  failRound(3);
-  EXPECT_EQ(rig.last().status, 13u);
-  EXPECT_EQ(rig.last().message,
+  failRound(3, 13u,
             "Reached the maximum number of attempts. For the security reasons, we will delete "
             "your registeration data immediately.");
   EXPECT_TRUE(rig.wiped());
