@@ -37,12 +37,10 @@ class Rig : public testing::AuthenticatorRig {
                          }) {}
 
   static std::string settings(std::optional<std::string_view> level) {
-    std::string text = "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>";
-    if (level) {
-      text += "<key>zandrel_fido_biometric_security_level</key><string>" + std::string(*level) +
-              "</string>";
-    }
-    return text;
+    return "<key>zandrel_fido_pattern_lockout_policy</key><string>2-3|3-lock</string>" +
+           (level ? "<key>zandrel_fido_biometric_security_level</key><string>" +
+                        std::string(*level) + "</string>"
+                  : std::string());
   }
   FaceAuthenticator* authenticator() { return static_cast<FaceAuthenticator*>(feature); }
   // A registration whose prompt matches; remembers the key ID and public key.
@@ -276,11 +274,6 @@ class Host {
   std::unique_ptr<Corvane> corvane;
 };
 
-// "<code> <message>", for readable failures.
-std::string described(const Error& error) {
-  return std::to_string(error.code()) + " " + error.localizedDescription();
-}
-
 std::string uafRequest(std::string_view op, std::optional<std::string_view> user) {
   json message = {
       {"header", {{"upv", {{"major", 1}, {"minor", 1}}}, {"op", op}, {"serverData", "sd"}}},
@@ -317,9 +310,9 @@ TEST(FaceAuthenticatorTest, FacadeDiscoversBiometryOnlyWithAReaderAndReportsACha
   host.corvane->doAuthentication(DoAuthReq{uafRequest("Auth", std::nullopt), "alice", {}, "Alice"});
   host.scheduler->drain();
   ASSERT_EQ(host.recorder->errors.size(), 2u);
-  EXPECT_EQ(described(host.recorder->errors.back()),
-            "20006 "
-            "the biometric enrolment has changed: register again.");
+  const Error& heard = host.recorder->errors.back();
+  EXPECT_EQ(std::to_string(heard.code()) + " " + heard.localizedDescription(),
+            "20006 the biometric enrolment has changed: register again.");
   EXPECT_EQ(biometry->promptsShown().size(), 1u);
 }
 
