@@ -4,8 +4,8 @@
 // document and a deregistration.
 #include <gtest/gtest.h>
 #include <signal.h>
-
-#include <cstdio>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #ifdef CORVANE_RP_PATH
 #include <httplib.h>
@@ -25,25 +25,40 @@ namespace {
 
 using nlohmann::json;
 
-// The server process, started through the shell, which prints its own process ID (the server's,
-// once it execs) before the server prints its port; stopped (SIGTERM) at scope end.
+// The server process; stopped (SIGTERM) at scope end.
 class ServerProcess {
  public:
-  explicit ServerProcess(const std::filesystem::path& stateDir)
-      : out_(popen(("echo $$; exec " CORVANE_RP_PATH " serve --state-dir '" + stateDir.string() +
-                    "' --port 0 --facet-id " + std::string(testing::kRpFacetID))
-                       .c_str(),
-                   "r")) {
-    if (out_ == nullptr || std::fscanf(out_, "%d %d", &pid_, &port_) != 2) port_ = 0;
+  explicit ServerProcess(const std::filesystem::path& stateDir) {
+    int fds[2];
+    if (pipe(fds) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(fds[1], STDOUT_FILENO);
+      close(fds[0]);
+      close(fds[1]);
+      const std::string dir = stateDir.string();
+      const std::string facet(testing::kRpFacetID);
+      execl(CORVANE_RP_PATH, CORVANE_RP_PATH, "serve", "--state-dir", dir.c_str(), "--port", "0",
+            "--facet-id", facet.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(fds[1]);
+    // The first line is the port.
+    std::string line;
+    char c;
+    while (read(fds[0], &c, 1) == 1 && c != '\n') line += c;
+    close(fds[0]);
+    port_ = line.empty() ? 0 : std::atoi(line.c_str());
   }
   ~ServerProcess() {
-    if (pid_ > 0) kill(pid_, SIGTERM);
-    if (out_ != nullptr) pclose(out_);
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
   }
   int port() const { return port_; }
 
  private:
-  FILE* out_;
   pid_t pid_ = -1;
   int port_ = 0;
 };
