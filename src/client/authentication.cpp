@@ -112,9 +112,9 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
       buildFcParams(headerAppID, message.challenge.value_or(std::string()), facetID);
   const AuthenticatorInfo& chosen = candidates->front();
 
-  const std::optional<AppRegistration> registration =
-      impl.firstRegistration(chosen.authenticatorIndex.value_or(0), input.username);
-  if (!registration || !registration->keyID || registration->keyID->empty()) {
+  // The candidate search gave the chosen authenticator the key ID of the user's first
+  // registration there; the ASM reads that registration again when it authenticates.
+  if (!chosen.keyIDs || chosen.keyIDs->empty()) {
     return fail(Error::corvane(code(CorvaneStatusCode::USER_NOT_ENROLLED)));
   }
 
@@ -136,7 +136,7 @@ void Corvane::doAuthentication(const DoAuthReq& input) {
   request.exts = std::move(*exts);
   request.args = AuthenticateIn{
       applicationIdFor(headerAppID, facetID),
-      std::vector<std::string>{registration->keyID->front()},
+      std::vector<std::string>{chosen.keyIDs->front()},
       input.username,
       fcParams,
       message.transaction,

@@ -81,28 +81,9 @@ AsmResponse Corvane::Impl::execute(const AsmRequest& request) {
   platform.scheduler->waitForBackgroundWork();
   if (request.requestType != static_cast<uint64_t>(AsmRequestType::kGetRegistrations) &&
       request.requestType != static_cast<uint64_t>(AsmRequestType::kGetInfo)) {
-    seenRegistrations.clear();
+    ++changingRequests;
   }
   return assistant().executeWithAsmRequestThenResponse(request);
-}
-
-std::optional<AppRegistration> Corvane::Impl::firstRegistration(int64_t index,
-                                                                const std::string& username) {
-  for (const SeenRegistration& seen : seenRegistrations) {
-    if (seen.index == index && seen.username == username) return seen.first;
-  }
-  AsmRequest request;
-  request.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
-  request.authenticatorIndex = index;
-  request.args = GetRegistrationsIn{username};
-  const AsmResponse answer = execute(request);
-  std::optional<AppRegistration> first;
-  if (const auto* out = std::get_if<GetRegistrationOut>(&answer.responseData);
-      out && out->appRegs && !out->appRegs->empty()) {
-    first = out->appRegs->front();
-  }
-  seenRegistrations.push_back({index, username, first});
-  return first;
 }
 
 std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
@@ -115,12 +96,36 @@ std::optional<std::vector<AuthenticatorInfo>> Corvane::Impl::candidates(
   if (const auto* out = std::get_if<GetInfoOut>(&info.responseData); out && out->authenticators) {
     infos = *out->authenticators;
   }
+  // The first registration of the user at each authenticator index, with the count of changing
+  // requests when it was read.
+  struct Seen {
+    int64_t index;
+    uint64_t changes;
+    std::optional<AppRegistration> first;
+  };
+  std::vector<Seen> seen;
+  const auto firstRegistration = [&](int64_t index) {
+    for (const Seen& s : seen) {
+      if (s.index == index && s.changes == changingRequests) return s.first;
+    }
+    AsmRequest request;
+    request.requestType = static_cast<uint64_t>(AsmRequestType::kGetRegistrations);
+    request.authenticatorIndex = index;
+    request.args = GetRegistrationsIn{username};
+    const AsmResponse answer = execute(request);
+    std::optional<AppRegistration> first;
+    if (const auto* out = std::get_if<GetRegistrationOut>(&answer.responseData);
+        out && out->appRegs && !out->appRegs->empty()) {
+      first = out->appRegs->front();
+    }
+    seen.push_back({index, changingRequests, first});
+    return first;
+  };
   std::vector<AuthenticatorInfo> matched;
   std::string refusals;
-  seenRegistrations.clear();
   for (AuthenticatorInfo& authenticator : infos) {
     const std::optional<AppRegistration> first =
-        firstRegistration(authenticator.authenticatorIndex.value_or(0), username);
+        firstRegistration(authenticator.authenticatorIndex.value_or(0));
     if (first) {
       if (first->keyID && !first->keyID->empty()) {
         authenticator.keyIDs = std::vector<std::string>{first->keyID->front()};

@@ -53,17 +53,15 @@ struct Corvane::Impl final : CorvaneDelegate {
   Asm& assistant();
   // Runs a request that answers by return value.
   AsmResponse execute(const AsmRequest& request);
-  // The first of `username`'s registrations at the authenticator `index`, absent when the ASM has
-  // none for them. The candidate search asks the ASM once per index, however many catalogue
-  // entries share it, and the authentication flow reuses that answer; any other request run
-  // through execute() (a stale-key deregistration) makes the next call ask again.
-  std::optional<AppRegistration> firstRegistration(int64_t index, const std::string& username);
   // Runs a deregister request; false with the translated status (and no text) in `error` when
   // the ASM failed.
   bool runDeregister(const AsmRequest& request, Error* error);
 
   // The candidate search: the authenticators the policy lists accept for `username`, each marked
-  // enrolled (status 4, its key IDs and user verification) when the user has a registration.
+  // enrolled (status 4, the key ID of its first registration and user verification) when the user
+  // has a registration. The ASM is asked once per authenticator index, however many catalogue
+  // entries share it, unless a request in between (a stale-key deregistration) may have changed
+  // the records.
   // Absent with DISALLOW_POLICY when none matched and the policy said why. A registration whose
   // server does not list the user's key removes the user's registrations under `appID` (the
   // request's application ID) as stale, and only those.
@@ -100,13 +98,9 @@ struct Corvane::Impl final : CorvaneDelegate {
   CoreDataManager records;
   PolicyHelper policy;
   std::unique_ptr<Asm> asm_;
-  // The answers of firstRegistration since the last candidate search or the last other request.
-  struct SeenRegistration {
-    int64_t index;
-    std::string username;
-    std::optional<AppRegistration> first;
-  };
-  std::vector<SeenRegistration> seenRegistrations;
+  // How many requests that may change the ASM's records (all but getInfo and getRegistrations)
+  // execute() has run: the candidate search reuses a registrations answer only while it stays.
+  uint64_t changingRequests = 0;
   // Set by Corvane: where results go (may be null).
   AuthUIControllerDelegate* host = nullptr;
 
