@@ -247,18 +247,20 @@ TEST_P(KeychainTest, AttestationSignatureVerifies) {
   SecretBytes cut(raw.exposeSecret().first(96));
   SecretBytes mismatched = raw;
   mismatched.mutableSecret()[40] ^= 0x01;  // a point that does not belong to the scalar
-  // Each Keychain imports the key once, at its first signature, and keeps it.
-  for (const auto& [key, signs] : std::vector<std::pair<std::optional<SecretBytes>, bool>>{
-           {std::nullopt, false}, {cut, false}, {mismatched, false}, {raw, true}}) {
+  // A key that cannot be imported is asked for again at the next signature; the first one that
+  // imports is kept, and signs on once the source gives nothing.
+  Keychain signer(rig_.items(), rig_.keys, rig_.biometry, rig_.configuration, &source);
+  for (const auto& [key, signs] :
+       std::vector<std::pair<std::optional<SecretBytes>, bool>>{{std::nullopt, false},
+                                                                {cut, false},
+                                                                {mismatched, false},
+                                                                {raw, true},
+                                                                {std::nullopt, true}}) {
     source.key = key;
-    Keychain signer(rig_.items(), rig_.keys, rig_.biometry, rig_.configuration, &source);
-    for (int round = 0; round < 2; ++round) {
-      std::optional<Bytes> signature = signer.signSHA256withECDSAX962ForBasicFull(message);
-      ASSERT_EQ(signature.has_value(), signs) << key.has_value() << round;
-      if (signature) {
-        EXPECT_TRUE(testing::verifies(spki, message, *signature));
-      }
-      source.key.reset();  // the kept key still signs
+    std::optional<Bytes> signature = signer.signSHA256withECDSAX962ForBasicFull(message);
+    ASSERT_EQ(signature.has_value(), signs) << key.has_value();
+    if (signature) {
+      EXPECT_TRUE(testing::verifies(spki, message, *signature));
     }
   }
 }
